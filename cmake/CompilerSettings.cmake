@@ -1,0 +1,20 @@
+# What every target of the project is compiled with.
+add_library(tamsel_settings INTERFACE)
+target_compile_options(tamsel_settings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
+  -Woverloaded-virtual -Wnull-dereference -Wimplicit-fallthrough -Wcast-align
+  $<$<BOOL:${TAMSEL_WARNINGS_AS_ERRORS}>:-Werror>)
+
+if(TAMSEL_SANITIZE)
+  add_compile_options(-fsanitize=${TAMSEL_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${TAMSEL_SANITIZE})
+endif()
+
+# A library named after its folder; headers are included as "folder/Header.h".
+function(tamsel_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE tamsel_settings ${arg_PRIVATE})
+endfunction()
