@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+#include <utility>
+
+namespace tamsel {
+
+/// A growing run of bytes. Unlike a string it grows by moving pages instead of copying them and
+/// leaves new space uninitialised, which is what a document of 40 MB wants.
+class ByteBuffer {
+ public:
+  ByteBuffer() = default;
+  explicit ByteBuffer(std::string_view bytes) { append(bytes); }
+  ByteBuffer(ByteBuffer&& other) noexcept { swap(other); }
+  ByteBuffer& operator=(ByteBuffer&& other) noexcept {
+    ByteBuffer(std::move(other)).swap(*this);
+    return *this;
+  }
+
+  std::string_view view() const noexcept { return {bytes_.get(), size_}; }
+  operator std::string_view() const noexcept { return view(); }
+  std::size_t size() const noexcept { return size_; }
+
+  /// Makes room for `count` more bytes and returns where they go; `commit` says how many were
+  /// written. Throws std::bad_alloc and then leaves the buffer as it was.
+  char* reserve(std::size_t count) {
+    if (capacity_ - size_ < count) grow(count);
+    return bytes_.get() + size_;
+  }
+  void commit(std::size_t count) noexcept { size_ += count; }
+
+  void append(std::string_view bytes) {
+    char* to = reserve(bytes.size());
+    if (!bytes.empty()) std::memcpy(to, bytes.data(), bytes.size());
+    commit(bytes.size());
+  }
+
+ private:
+  struct Free {
+    void operator()(char* bytes) const noexcept { std::free(bytes); }
+  };
+
+  void swap(ByteBuffer& other) noexcept {
+    std::swap(bytes_, other.bytes_);
+    std::swap(size_, other.size_);
+    std::swap(capacity_, other.capacity_);
+  }
+
+  void grow(std::size_t count) {
+    std::size_t capacity = capacity_ + capacity_ / 2;
+    if (capacity < size_ + count) capacity = size_ + count;
+    char* bytes = static_cast<char*>(std::realloc(bytes_.get(), capacity));
+    if (bytes == nullptr) throw std::bad_alloc();
+    (void)bytes_.release();  // realloc has freed or moved it
+    bytes_.reset(bytes);
+    capacity_ = capacity;
+  }
+
+  std::unique_ptr<char, Free> bytes_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
+
+}  // namespace tamsel

@@ -1,0 +1,36 @@
+#include "compiler/RuleSet.h"
+
+#include <utility>
+
+namespace tamsel::FilterCompiler {
+namespace {
+constexpr std::size_t initialSlots = 1024;
+constexpr std::size_t growthFactor = 4;
+}  // namespace
+
+RuleSet::RuleSet() : slots_(initialSlots) {}
+
+void RuleSet::add(SourcedRule&& rule, std::uint64_t hash) {
+  const auto tag = static_cast<std::uint32_t>(hash);
+  std::size_t slot = slotOf(tag);
+  while (slots_[slot].index != empty) {
+    if (slots_[slot].tag == tag && rules_[slots_[slot].index].rule == rule.rule) return;
+    slot = slotOf(static_cast<std::uint32_t>(slot) + 1);
+  }
+  slots_[slot] = {tag, static_cast<std::uint32_t>(rules_.size())};
+  rules_.push_back(std::move(rule));
+  if (rules_.size() * 2 > slots_.size()) grow();
+}
+
+void RuleSet::grow() {
+  std::vector<Slot> old(slots_.size() * growthFactor);
+  old.swap(slots_);
+  for (const Slot& moved : old) {
+    if (moved.index == empty) continue;
+    std::size_t slot = slotOf(moved.tag);
+    while (slots_[slot].index != empty) slot = slotOf(static_cast<std::uint32_t>(slot) + 1);
+    slots_[slot] = moved;
+  }
+}
+
+}  // namespace tamsel::FilterCompiler

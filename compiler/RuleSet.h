@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "compiler/RuleModel.h"
+
+namespace tamsel::FilterCompiler {
+
+/// Rules of one kind without duplicates, in the order in which they were first added.
+class RuleSet {
+ public:
+  RuleSet();
+
+  /// Brings the table's slot for a rule closer; worth it some rules ahead of `add`.
+  void prefetch(std::uint64_t hash) const noexcept {
+    __builtin_prefetch(&slots_[slotOf(static_cast<std::uint32_t>(hash))]);
+  }
+
+  /// Adds the rule unless an equal one (all fields of `rule`) is there. Equal rules need equal
+  /// hashes.
+  void add(SourcedRule&& rule, std::uint64_t hash);
+
+  std::vector<SourcedRule>& rules() noexcept { return rules_; }
+
+ private:
+  // An open-addressing table in which a slot is found by its tag alone, so that it can grow
+  // without looking at the rules. An index of 32 bits suffices: that many rules would fill 400 GB.
+  struct Slot {
+    std::uint32_t tag = 0;
+    std::uint32_t index = empty;
+  };
+  static constexpr std::uint32_t empty = 0xFFFFFFFF;
+
+  std::size_t slotOf(std::uint32_t tag) const noexcept { return tag & (slots_.size() - 1); }
+  void grow();
+
+  std::vector<Slot> slots_;  // a power of two of them, at most half in use
+  std::vector<SourcedRule> rules_;
+};
+
+}  // namespace tamsel::FilterCompiler
