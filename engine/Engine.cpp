@@ -1,0 +1,112 @@
+#include "engine/Engine.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+#include "compiler/Unicode.h"
+#include "engine/RuleMatcher.h"
+#include "engine/Site.h"
+#include "engine/UrlHost.h"
+
+namespace tamsel {
+namespace {
+
+// The host of a URL in lower case, if it has one.
+class LowerHost {
+ public:
+  explicit LowerHost(std::optional<std::string_view> url) {
+    const auto host = url ? hostOfUrl(*url) : std::nullopt;
+    if (!host) return;
+    if (host->size() <= buffer_.size() && Unicode::isAscii(*host)) {
+      std::transform(host->begin(), host->end(), buffer_.begin(), Unicode::asciiLower);
+      text_ = {buffer_.data(), host->size()};
+    } else {
+      text_ = long_ = Unicode::lowercased(*host);
+    }
+    known_ = true;
+  }
+  LowerHost(const LowerHost&) = delete;
+  LowerHost& operator=(const LowerHost&) = delete;
+
+  explicit operator bool() const noexcept { return known_; }
+  std::string_view view() const noexcept { return text_; }
+
+ private:
+  std::array<char, 64> buffer_;  // holds nearly every host
+  std::string long_;             // for the others
+  std::string_view text_;
+  bool known_ = false;
+};
+
+// The network rules with the blocks in front, each kind in the order given.
+std::vector<SourcedRule> networkRules(std::vector<SourcedRule> rules) {
+  const auto byKind = [](const SourcedRule& a, const SourcedRule& b) { return a.kind < b.kind; };
+  if (!std::is_sorted(rules.begin(), rules.end(), byKind)) {
+    std::stable_sort(rules.begin(), rules.end(), byKind);
+  }
+  while (!rules.empty() && rules.back().kind == RuleKind::cosmetic) rules.pop_back();
+  return rules;
+}
+
+std::span<const SourcedRule> ofKind(const std::vector<SourcedRule>& rules, RuleKind kind) {
+  const auto byKind = [](const SourcedRule& rule, RuleKind value) { return rule.kind < value; };
+  const auto begin = std::lower_bound(rules.begin(), rules.end(), kind, byKind);
+  auto end = rules.end();
+  if (kind == RuleKind::block) {
+    end = std::lower_bound(begin, rules.end(), RuleKind::exception, byKind);
+  }
+  return {begin, end};
+}
+
+std::optional<SourcedRule> copied(const SourcedRule* rule) {
+  return rule == nullptr ? std::nullopt : std::optional(*rule);
+}
+
+}  // namespace
+
+struct Engine::State {
+  explicit State(std::vector<SourcedRule> all)
+      : rules(networkRules(std::move(all))),
+        blocks(ofKind(rules, RuleKind::block)),
+        exceptions(ofKind(rules, RuleKind::exception)) {}
+
+  const std::vector<SourcedRule> rules;
+  const RuleMatcher blocks;
+  const RuleMatcher exceptions;
+};
+
+Engine::Engine(std::vector<SourcedRule> rules)
+    : state_(std::make_unique<const State>(std::move(rules))) {}
+
+Engine::~Engine() = default;
+
+Engine::Verdict Engine::evaluate(std::string_view url, std::optional<std::string_view> pageURL,
+                                 std::string_view type) const {
+  const LowerHost pageHost(pageURL);
+  const LowerHost requestHost(url);
+  Verdict verdict;
+  verdict.thirdParty =
+      pageHost && requestHost && !Site::isSame(pageHost.view(), requestHost.view());
+
+  const UrlText text(url);
+  Budget budget;
+  MatchRequest request{text, pageHost ? std::optional(PageHost(pageHost.view())) : std::nullopt,
+                       type, verdict.thirdParty, budget};
+  const SourcedRule* block = state_->blocks.firstMatch(request);
+  const SourcedRule* exception =
+      block == nullptr ? nullptr : state_->exceptions.firstMatch(request);
+  verdict.block = copied(block);
+  verdict.exception = copied(exception);
+  return verdict;
+}
+
+std::size_t Engine::blockCount() const noexcept {
+  return state_->blocks.ruleCount();
+}
+
+std::size_t Engine::exceptionCount() const noexcept {
+  return state_->exceptions.ruleCount();
+}
+
+}  // namespace tamsel

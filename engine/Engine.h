@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "compiler/RuleModel.h"
+
+namespace tamsel {
+
+/// Answers which network rule blocks a request and which exception allows it, as a scan over all
+/// rules in order would, without scanning. Immutable once built: any number of threads may
+/// evaluate at once.
+class Engine {
+ public:
+  /// The answer to one request. It is blocked when `block` is present and `exception` is not.
+  struct Verdict {
+    /// The first block rule that matches.
+    std::optional<SourcedRule> block;
+    /// The first exception that matches; only looked for when a block rule does.
+    std::optional<SourcedRule> exception;
+    /// Both hosts are known and are of different sites.
+    bool thirdParty = false;
+
+    bool operator==(const Verdict&) const = default;
+  };
+
+  /// Element-hiding rules are left out. A rule whose expression is invalid never matches.
+  explicit Engine(std::vector<SourcedRule> rules);
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  /// `type` is a resource-type name of the content-blocker format; `pageURL` the page that makes
+  /// the request, if it is known.
+  Verdict evaluate(std::string_view url, std::optional<std::string_view> pageURL,
+                   std::string_view type) const;
+
+  std::size_t blockCount() const noexcept;
+  std::size_t exceptionCount() const noexcept;
+
+ private:
+  struct State;
+  std::unique_ptr<const State> state_;
+};
+
+}  // namespace tamsel
