@@ -1,0 +1,152 @@
+#include "platform/files/Files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <utility>
+
+namespace tamsel::Files {
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int value) noexcept : value_(value) {}
+  Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
+  Descriptor& operator=(Descriptor&&) = delete;
+  ~Descriptor() {
+    if (value_ >= 0) ::close(value_);
+  }
+  int get() const noexcept { return value_; }
+  explicit operator bool() const noexcept { return value_ >= 0; }
+
+ private:
+  int value_;
+};
+
+[[noreturn]] void fail(std::string_view verb, std::string_view name, int error) {
+  throw FileError("Cannot " + std::string(verb) + " " + std::string(name) + ": " +
+                  std::strerror(error) + ".");
+}
+
+std::string quoted(std::string_view path) {
+  return "\"" + std::string(path) + "\"";
+}
+
+std::string readAll(int descriptor, std::string_view name) {
+  constexpr std::size_t step = std::size_t{1} << 16;
+  struct stat status {};
+  std::string bytes;
+  if (::fstat(descriptor, &status) == 0 && status.st_size > 0) {
+    // One more than the size, so that the end of the file is seen without growing.
+    bytes.resize(std::min(static_cast<std::size_t>(status.st_size) + 1, maxReadBytes));
+  }
+  std::size_t used = 0;
+  while (true) {
+    if (used == bytes.size()) {
+      if (used >= maxReadBytes) {
+        throw FileError("Cannot read " + std::string(name) + ": it is larger than 1 GiB.");
+      }
+      bytes.resize(std::min(used + std::max(step, used / 2), maxReadBytes));
+    }
+    const ssize_t count = ::read(descriptor, bytes.data() + used, bytes.size() - used);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) fail("read", name, errno);
+    if (count == 0) break;
+    used += static_cast<std::size_t>(count);
+  }
+  bytes.resize(used);
+  return bytes;
+}
+
+// The file that a path means once its links are followed; the path itself when nothing is there.
+std::string resolved(const std::string& path) {
+  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
+                                                         &std::free);
+  return real ? std::string(real.get()) : path;
+}
+
+std::string folderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// A name beside `path` that no file has.
+std::string temporaryName(const std::string& path) {
+  std::random_device device;
+  return path + ".tmp-" + std::to_string(device()) + std::to_string(device());
+}
+
+// Writes the bytes into a file that has no name until it is whole, and gives it one. Where the
+// file system has no nameless files, the name is there from the start.
+std::string writeBeside(const std::string& path, std::string_view bytes, const mode_t* mode) {
+  const std::string name = quoted(path);
+  const std::string temporary = temporaryName(path);
+  constexpr mode_t allButUmask = 0666;
+  const Descriptor nameless(
+      ::open(folderOf(path).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, allButUmask));
+  if (nameless) {
+    if (mode != nullptr) (void)::fchmod(nameless.get(), *mode);
+    writeAll(nameless.get(), bytes, name);
+    const std::string link = "/proc/self/fd/" + std::to_string(nameless.get());
+    if (::linkat(AT_FDCWD, link.c_str(), AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+      return temporary;
+    }
+  }
+  const Descriptor named(
+      ::open(temporary.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, allButUmask));
+  if (!named) fail("write", name, errno);
+  if (mode != nullptr) (void)::fchmod(named.get(), *mode);
+  try {
+    writeAll(named.get(), bytes, name);
+  } catch (...) {
+    ::unlink(temporary.c_str());
+    throw;
+  }
+  return temporary;
+}
+
+}  // namespace
+
+std::string read(const std::string& path) {
+  if (path == standardInput) return readAll(STDIN_FILENO, "standard input");
+  const std::string name = quoted(path);
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) fail("read", name, errno);
+  return readAll(file.get(), name);
+}
+
+void writeAll(int descriptor, std::string_view bytes, std::string_view name) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) fail("write", name, errno);
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+void replace(const std::string& path, std::string_view bytes) {
+  const std::string target = resolved(path);
+  struct stat status {};
+  const bool exists = ::stat(target.c_str(), &status) == 0;
+  if (exists && !S_ISREG(status.st_mode)) {
+    const Descriptor file(::open(target.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!file) fail("write", quoted(path), errno);
+    return writeAll(file.get(), bytes, quoted(path));
+  }
+  const mode_t mode = status.st_mode & 07777;
+  const std::string temporary = writeBeside(target, bytes, exists ? &mode : nullptr);
+  if (::rename(temporary.c_str(), target.c_str()) != 0) {
+    const int error = errno;
+    ::unlink(temporary.c_str());
+    fail("write", quoted(path), error);
+  }
+}
+
+}  // namespace tamsel::Files

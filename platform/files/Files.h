@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+/// Reading and replacing whole files (POSIX).
+namespace tamsel::Files {
+
+/// Why a file cannot be read or written: one sentence that names it.
+class FileError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The most bytes that `read` takes in, so that a device without an end cannot fill the memory.
+inline constexpr std::size_t maxReadBytes = std::size_t{1} << 30;
+
+/// The name that stands for standard input.
+inline constexpr std::string_view standardInput = "-";
+
+/// The whole file, or all of standard input for "-". Throws FileError.
+std::string read(const std::string& path);
+
+/// Replaces the file, or creates it, in one step: whoever reads it sees the old bytes or the new
+/// ones, and a failure or an interruption leaves the old file and nothing else. Links are followed;
+/// what is no regular file (a terminal, a pipe) is written to directly. Throws FileError.
+void replace(const std::string& path, std::string_view bytes);
+
+/// Writes to an open file. `name` is what an error calls it. Throws FileError.
+void writeAll(int descriptor, std::string_view bytes, std::string_view name);
+
+}  // namespace tamsel::Files
