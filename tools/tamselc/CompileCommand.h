@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tamsel::tamselc {
+
+/// `tamselc compile`: lists in, content-blocker document out.
+struct CompileCommand {
+  std::vector<std::string> lists;
+  /// Where the document goes; standard output when empty.
+  std::string output;
+  /// Where the report goes; none when empty.
+  std::string report;
+
+  /// Returns the exit code. Throws Files::FileError.
+  int run() const;
+};
+
+}  // namespace tamsel::tamselc
