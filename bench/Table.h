@@ -1,0 +1,38 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+#include <vector>
+
+namespace tamsel::bench {
+
+/// A figure to reach: the median of a benchmark's time, or of a counter of it.
+struct Figure {
+  std::string title;
+  std::string benchmark;
+  /// The counter; empty for the time.
+  std::string counter;
+  /// In the unit.
+  double target;
+  std::string unit;
+};
+
+/// Collects medians and prints them at the end as a table of figure, measured, target and their
+/// ratio, and how often the yardstick, a benchmark that is measured in the same run, goes into it.
+class Table : public benchmark::BenchmarkReporter {
+ public:
+  Table(std::vector<Figure> figures, std::string yardstick, bool targetsApply);
+
+  bool ReportContext(const Context& context) override;
+  void ReportRuns(const std::vector<Run>& runs) override;
+  void Finalize() override;
+
+ private:
+  std::vector<Figure> figures_;
+  std::string yardstick_;
+  bool targetsApply_;
+  std::vector<Run> medians_;
+};
+
+}  // namespace tamsel::bench

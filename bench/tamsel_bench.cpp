@@ -1,0 +1,284 @@
+// Measures what the compiler and the matcher take. TAMSEL_LISTS names filter lists (paths with ":"
+// between them) and TAMSEL_REQUESTS a file of requests; without them a made-up list serves.
+
+#include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bench/MadeUpLists.h"
+#include "bench/Table.h"
+#include "compiler/FilterCompiler.h"
+#include "compiler/RuleDocument.h"
+#include "engine/Engine.h"
+#include "platform/files/Files.h"
+
+extern char** environ;
+
+namespace tamsel::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Request {
+  std::string url;
+  std::optional<std::string> page;
+  std::string type;
+};
+
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  std::size_t begin = 0;
+  while (begin <= text.size()) {
+    const std::size_t end = std::min(text.find(separator, begin), text.size());
+    parts.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return parts;
+}
+
+std::vector<Request> readRequests(const std::string& text) {
+  std::vector<Request> requests;
+  for (const std::string& line : split(text, '\n')) {
+    const std::vector<std::string> fields = split(line, '\t');
+    if (fields.size() != 3) continue;
+    const auto page = fields[1].empty() ? std::nullopt : std::optional(fields[1]);
+    requests.push_back({fields[0], page, fields[2]});
+  }
+  return requests;
+}
+
+// What is measured, read or made up once.
+class Data {
+ public:
+  static const Data& get() {
+    static const Data data;
+    return data;
+  }
+
+  const std::vector<std::string>& paths() const { return paths_; }
+  const std::vector<FilterCompiler::Input>& lists() const { return lists_; }
+  const std::vector<FilterCompiler::Input>& tenfold() const { return tenfold_; }
+  const std::vector<SourcedRule>& rules() const { return rules_; }
+  const std::vector<Request>& requests() const { return requests_; }
+  std::filesystem::path scratch() const { return scratch_; }
+
+  static bool isReal() {
+    return std::getenv("TAMSEL_LISTS") != nullptr && std::getenv("TAMSEL_REQUESTS") != nullptr;
+  }
+
+  Data(const Data&) = delete;
+  Data& operator=(const Data&) = delete;
+
+ private:
+  Data()
+      : scratch_(std::filesystem::temp_directory_path() /
+                 ("tamsel-bench-" + std::to_string(::getpid()))) {
+    constexpr std::size_t madeUpLines = 130000;
+    constexpr std::size_t madeUpRequestCount = 20000;
+    constexpr unsigned seed = 7;
+    std::filesystem::create_directory(scratch_);
+    if (const char* paths = std::getenv("TAMSEL_LISTS")) {
+      paths_ = split(paths, ':');
+    } else {
+      paths_ = {scratch_ / "made-up.txt"};
+      Files::replace(paths_[0], madeUpList(madeUpLines, seed));
+    }
+    const char* requests = std::getenv("TAMSEL_REQUESTS");
+    requests_ = readRequests(requests != nullptr ? Files::read(requests)
+                                                 : madeUpRequests(madeUpRequestCount, seed));
+    texts_.reserve(paths_.size() * 2);
+    for (const std::string& path : paths_) lists_.push_back(input(Files::read(path)));
+    for (std::size_t i = 0; i < paths_.size(); ++i)
+      tenfold_.push_back(input(multiplied(texts_[i], 10)));
+    rules_ = FilterCompiler::parse(lists_).rules;
+  }
+
+  ~Data() {
+    std::error_code ignored;
+    std::filesystem::remove_all(scratch_, ignored);
+  }
+
+  FilterCompiler::Input input(std::string text) {
+    texts_.push_back(std::move(text));
+    return {Uuid::random(), "list", texts_.back()};
+  }
+
+  std::filesystem::path scratch_;
+  std::vector<std::string> paths_;
+  std::vector<std::string> texts_;
+  std::vector<FilterCompiler::Input> lists_;
+  std::vector<FilterCompiler::Input> tenfold_;
+  std::vector<SourcedRule> rules_;
+  std::vector<Request> requests_;
+};
+
+// A fixed amount of plain work on the same bytes: what the machine can do right now.
+void yardstick(benchmark::State& state) {
+  for (auto step : state) {
+    std::uint64_t hash = 14695981039346656037U;
+    for (const FilterCompiler::Input& list : Data::get().lists()) {
+      for (char c : list.text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
+    }
+    benchmark::DoNotOptimize(hash);
+  }
+}
+
+void parse(benchmark::State& state) {
+  for (auto step : state) {
+    auto output = FilterCompiler::parse(Data::get().lists());
+    state.PauseTiming();  // freeing is somebody else's time: the program does it on a worker
+    output = {};
+    state.ResumeTiming();
+  }
+}
+
+void encode(benchmark::State& state) {
+  for (auto step : state) benchmark::DoNotOptimize(RuleDocument::encode(Data::get().rules()));
+}
+
+void construct(benchmark::State& state) {
+  for (auto step : state) {
+    state.PauseTiming();
+    std::vector<SourcedRule> rules = Data::get().rules();
+    state.ResumeTiming();
+    auto engine = std::make_unique<Engine>(std::move(rules));
+    state.PauseTiming();
+    engine.reset();
+    state.ResumeTiming();
+  }
+}
+
+double nanosecondsOf(const Engine& engine, const Request& request) {
+  const auto start = Clock::now();
+  benchmark::DoNotOptimize(engine.evaluate(request.url, request.page, request.type));
+  return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+}
+
+// The median time of each request over some rounds; of these the mean and the 99th percentile.
+void evaluate(benchmark::State& state) {
+  constexpr std::size_t rounds = 5;
+  static const Engine engine{std::vector<SourcedRule>(Data::get().rules())};
+  const std::vector<Request>& requests = Data::get().requests();
+  for (auto step : state) {
+    std::vector<std::vector<double>> times(requests.size());
+    for (std::size_t round = 0; round < rounds; ++round) {
+      for (std::size_t i = 0; i < requests.size(); ++i) {
+        times[i].push_back(nanosecondsOf(engine, requests[i]));
+      }
+    }
+    std::vector<double> medians;
+    for (std::vector<double>& of : times) {
+      std::nth_element(of.begin(), of.begin() + rounds / 2, of.end());
+      medians.push_back(of[rounds / 2]);
+    }
+    std::sort(medians.begin(), medians.end());
+    const double sum = std::accumulate(medians.begin(), medians.end(), 0.0);
+    state.counters["mean"] = sum / static_cast<double>(medians.size()) / 1e3;
+    state.counters["p99"] = medians[medians.size() * 99 / 100] / 1e3;
+    state.counters["worst"] = medians.back() / 1e3;
+  }
+}
+
+// `tamselc compile` as a process, from start to end.
+void compileProcess(benchmark::State& state) {
+  const std::string output = Data::get().scratch() / "document.json";
+  std::vector<std::string> words = {TAMSELC_PATH, "compile", "-o", output};
+  words.insert(words.end(), Data::get().paths().begin(), Data::get().paths().end());
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", 1, 0);
+  for (auto step : state) {
+    const auto start = Clock::now();
+    pid_t child = 0;
+    int status = -1;
+    rusage usage{};
+    if (::posix_spawn(&child, words[0].c_str(), &actions, nullptr, arguments.data(), environ) !=
+            0 ||
+        ::wait4(child, &status, 0, &usage) != child || status != 0) {
+      state.SkipWithError("tamselc compile failed");
+      break;
+    }
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    state.counters["peak"] = static_cast<double>(usage.ru_maxrss) / 1024;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+}
+
+// Parse, encode and matcher for lists; in seconds.
+double wholeTime(const std::vector<FilterCompiler::Input>& lists) {
+  const auto start = Clock::now();
+  ParseOutput output = FilterCompiler::parse(lists);
+  benchmark::DoNotOptimize(RuleDocument::encode(output.rules));
+  const Engine engine(std::move(output.rules));
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+void growth(benchmark::State& state) {
+  for (auto step : state) {
+    const double once = wholeTime(Data::get().lists());
+    const double tenTimes = wholeTime(Data::get().tenfold());
+    state.counters["factor"] = tenTimes / once;
+  }
+}
+
+int runAll(int argc, char** argv) {
+  const auto many = [](benchmark::internal::Benchmark* benchmark) {
+    benchmark->Unit(benchmark::kMillisecond)->Repetitions(9)->ReportAggregatesOnly();
+  };
+  many(benchmark::RegisterBenchmark("yardstick", yardstick)->MinTime(0.1));
+  many(benchmark::RegisterBenchmark("parse", parse)->Iterations(3));
+  many(benchmark::RegisterBenchmark("encode", encode)->Iterations(3));
+  many(benchmark::RegisterBenchmark("construct", construct)->Iterations(3));
+  many(benchmark::RegisterBenchmark("evaluate", evaluate)->Iterations(1));
+  many(benchmark::RegisterBenchmark("compileProcess", compileProcess)
+           ->UseManualTime()
+           ->Iterations(1));
+  many(benchmark::RegisterBenchmark("growth", growth)->Iterations(1));
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+
+  std::size_t bytes = 0;
+  for (const auto& list : Data::get().lists()) bytes += list.text.size();
+  std::printf("%zu lists of %.1f MB, %zu rules, %zu requests%s\n", Data::get().lists().size(),
+              static_cast<double>(bytes) / 1e6, Data::get().rules().size(),
+              Data::get().requests().size(), Data::isReal() ? "" : " (made up: no targets)");
+  Table table({{"FilterCompiler::parse, all lists", "parse", "", 90, "ms"},
+               {"RuleDocument::encode", "encode", "", 45, "ms"},
+               {"Engine construction", "construct", "", 80, "ms"},
+               {"Engine::evaluate, mean", "evaluate", "mean", 0.7, "µs"},
+               {"Engine::evaluate, 99th percentile", "evaluate", "p99", 4, "µs"},
+               {"tamselc compile, wall", "compileProcess", "", 250, "ms"},
+               {"tamselc compile, peak memory", "compileProcess", "peak", 200, "MiB"},
+               {"All of it for ten times the lists, factor", "growth", "factor", 11, ""}},
+              "yardstick", Data::isReal());
+  benchmark::RunSpecifiedBenchmarks(&table);
+  return 0;
+}
+
+}  // namespace
+}  // namespace tamsel::bench
+
+int main(int argc, char** argv) {
+  try {
+    return tamsel::bench::runAll(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "tamsel_bench: %s\n", error.what());
+    return 2;
+  }
+}
