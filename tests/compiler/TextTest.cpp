@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "compiler/Text.h"
+#include "compiler/Uuid.h"
+#include "tests/support/ExactCopy.h"
+
+namespace tamsel {
+namespace {
+
+using namespace std::string_literals;
+using test::ExactCopy;
+
+TEST(Text, ComparesByContentAndSharesCopies) {
+  for (const std::string& bytes : {""s, "a"s, "\0b\0"s, "\xFF\xC3"s, std::string(100000, 'x')}) {
+    SCOPED_TRACE(testing::PrintToString(bytes.substr(0, 20)));
+    const Text text{std::string_view(ExactCopy(bytes))};
+    EXPECT_EQ(text.view(), bytes);
+    EXPECT_EQ(text.size(), bytes.size());
+    EXPECT_EQ(text.empty(), bytes.empty());
+    EXPECT_EQ(text, Text(bytes));
+    EXPECT_EQ(text, Text::immortal(bytes));
+    EXPECT_FALSE(text == Text(bytes + "y"));
+    const Text copy = text;
+    EXPECT_TRUE(copy.sharesStorageWith(text));
+  }
+}
+
+TEST(TextList, KeepsItsStrings) {
+  using Items = std::vector<std::string_view>;
+  for (const Items& items : {Items{}, Items{""}, Items{"", "", ""}, Items{"a", "", "\xFF"}}) {
+    SCOPED_TRACE(testing::PrintToString(items));
+    const TextList list{std::span<const std::string_view>(items)};
+    EXPECT_EQ(Items(list.begin(), list.end()), items);
+    EXPECT_EQ(list.empty(), items.empty());
+    EXPECT_EQ(list, TextList::immortal(items));
+    const TextList copy = list;
+    EXPECT_TRUE(copy.sharesStorageWith(list));
+  }
+  EXPECT_FALSE((TextList{"ab", "c"} == TextList{"a", "bc"}));
+  EXPECT_FALSE((TextList{"a"} == TextList{"a", ""}));
+}
+
+TEST(Maybe, TellsAbsentFromEmpty) {
+  const Maybe<Text> absent, empty{Text()}, full{Text("a")};
+  EXPECT_FALSE(absent);
+  EXPECT_TRUE(empty && full && empty->empty());
+  EXPECT_FALSE(absent == empty || empty == full);
+  EXPECT_FALSE(Maybe<TextList>() == Maybe<TextList>(TextList()));
+}
+
+TEST(Text, MovesLeaveItEmptyAndUsable) {
+  Text text("abc");
+  Maybe<Text> maybe(text);
+  TextList list{"a", "b"};
+  const Text movedText = std::move(text);
+  const Maybe<Text> movedMaybe = std::move(maybe);
+  const TextList movedList = std::move(list);
+  EXPECT_EQ(text, Text());      // NOLINT(bugprone-use-after-move)
+  EXPECT_FALSE(maybe);          // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(list, TextList());  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(list.begin(), list.end());
+  text = movedText;
+  EXPECT_EQ(text, "abc");
+  EXPECT_EQ(*movedMaybe, "abc");
+  EXPECT_EQ(movedList, (TextList{"a", "b"}));
+}
+
+TEST(Uuid, ReadsAndWritesItsText) {
+  const std::string upper = "01234567-89AB-CDEF-FEDC-BA9876543210";
+  for (const std::string& text : {upper, "01234567-89ab-cdef-FEDC-ba9876543210"s}) {
+    const std::optional<Uuid> uuid = Uuid::parse(ExactCopy(text));
+    ASSERT_TRUE(uuid) << text;
+    EXPECT_EQ(uuid->string(), upper);
+    EXPECT_EQ(uuid->bytes[0], 0x01);
+    EXPECT_EQ(uuid->bytes[15], 0x10);
+  }
+  for (const std::string& text :
+       {""s, upper.substr(0, 35), upper + "0", "{" + upper + "}",
+        "0123456789AB-CDEF-FEDC-BA9876543210-"s, "01234567-89AB-CDEF-FEDC-BA987654321G"s,
+        "01234567-89AB-CDEF-FEDCxBA9876543210"s, "01234567-89AB-CDEF-FEDC--A9876543210"s,
+        "01234567-89AB-CDEF-FEDC-BA98765432\xC3\xA9"s}) {
+    EXPECT_FALSE(Uuid::parse(ExactCopy(text))) << text;
+  }
+}
+
+TEST(Uuid, RandomOnesDifferAndAreOfVersion4) {
+  std::set<Uuid> seen;
+  for (int i = 0; i < 1000; ++i) {
+    const Uuid uuid = Uuid::random();
+    EXPECT_TRUE(seen.insert(uuid).second);
+    EXPECT_EQ(uuid.string()[14], '4');
+    EXPECT_NE(std::string("89AB").find(uuid.string()[19]), std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace tamsel
