@@ -1,17 +1,18 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string_view>
 #include <utility>
 
+#include "compiler/LargeMemory.h"
+
 namespace tamsel {
 
-/// A growing run of bytes. Unlike a string it grows by moving pages instead of copying them and
-/// leaves new space uninitialised, which is what a document of 40 MB wants.
+/// A growing run of bytes. Unlike a string it leaves new space uninitialised, which is what a
+/// document of 40 MB wants.
 class ByteBuffer {
  public:
   ByteBuffer() = default;
@@ -40,9 +41,12 @@ class ByteBuffer {
     commit(bytes.size());
   }
 
+  /// Forgets the bytes and keeps the room.
+  void clear() noexcept { size_ = 0; }
+
  private:
   struct Free {
-    void operator()(char* bytes) const noexcept { std::free(bytes); }
+    void operator()(char* bytes) const noexcept { LargeMemory::free(bytes); }
   };
 
   void swap(ByteBuffer& other) noexcept {
@@ -52,12 +56,10 @@ class ByteBuffer {
   }
 
   void grow(std::size_t count) {
-    std::size_t capacity = capacity_ + capacity_ / 2;
-    if (capacity < size_ + count) capacity = size_ + count;
-    char* bytes = static_cast<char*>(std::realloc(bytes_.get(), capacity));
-    if (bytes == nullptr) throw std::bad_alloc();
-    (void)bytes_.release();  // realloc has freed or moved it
-    bytes_.reset(bytes);
+    const std::size_t capacity = std::max(capacity_ + capacity_ / 2, size_ + count);
+    std::unique_ptr<char, Free> bytes(static_cast<char*>(LargeMemory::allocate(capacity)));
+    if (size_ != 0) std::memcpy(bytes.get(), bytes_.get(), size_);
+    bytes_ = std::move(bytes);
     capacity_ = capacity;
   }
 

@@ -1,5 +1,6 @@
 #include "compiler/FilterCompiler.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -74,17 +75,25 @@ class LineSplitter {
 // on their way from memory before they are looked at: with a million rules most are far away.
 class RuleCollector {
  public:
+  explicit RuleCollector(std::size_t textBytes) {
+    // Large lists have a rule in every fifteen bytes, nearly all of them blocks. The limit keeps a
+    // text that is nothing of the kind from being given more than it will use.
+    constexpr std::size_t bytesPerRule = 15;
+    constexpr std::size_t mostReserved = 4'000'000;
+    setOf(RuleKind::block).reserve(std::min(textBytes / bytesPerRule, mostReserved));
+  }
+
   std::vector<HashedRule>& batch() { return batch_; }
 
   void afterLine() {
     if (batch_.size() >= batchSize) flush();
   }
 
-  std::vector<SourcedRule> take() {
+  SourcedRules take() {
     flush();
-    std::vector<SourcedRule>& all = setOf(RuleKind::block).rules();
+    SourcedRules& all = setOf(RuleKind::block).rules();
     for (RuleKind kind : {RuleKind::exception, RuleKind::cosmetic}) {
-      std::vector<SourcedRule>& rules = setOf(kind).rules();
+      SourcedRules& rules = setOf(kind).rules();
       all.insert(all.end(), std::make_move_iterator(rules.begin()),
                  std::make_move_iterator(rules.end()));
     }
@@ -111,7 +120,9 @@ class RuleCollector {
 ParseOutput parse(std::span<const Input> inputs) {
   ParseOutput output;
   LineCompiler compiler;
-  RuleCollector collector;
+  std::size_t textBytes = 0;
+  for (const Input& input : inputs) textBytes += input.text.size();
+  RuleCollector collector(textBytes);
   for (const Input& input : inputs) {
     const Origin origin{input.id, input.name};
     std::size_t kept = 0;

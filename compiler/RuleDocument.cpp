@@ -90,9 +90,25 @@ char* writeEscaped(char* out, std::string_view text) {
 // and nearly all share their type lists: what was written once is copied, not escaped again.
 class Encoder {
  public:
+  // Makes room for the document of that many rules, as far as can be told.
+  void expect(std::size_t rules) {
+    constexpr std::size_t bytesPerRule = 200;
+    buffer_.reserve(rules * bytesPerRule);
+  }
+
   ByteBuffer take() && {
-    buffer_.append(count_ == 0 ? "[]" : "]");
+    finish();
     return std::move(buffer_);
+  }
+
+  void finish() { append(count_ == 0 ? "[]" : "]"); }
+
+  // What has been written since the last `clear`.
+  std::string_view written() const { return buffer_; }
+
+  void clear() {
+    buffer_.clear();
+    lastFilter_ = nullptr;
   }
 
   void add(const WKRule& rule) {
@@ -200,6 +216,7 @@ template <class Rules, class Projection>
 ByteBuffer encodeAll(const Rules& rules, Projection wkRule) {
   try {
     Encoder encoder;
+    encoder.expect(rules.size());
     for (const auto& rule : rules) encoder.add(wkRule(rule));
     return std::move(encoder).take();
   } catch (const std::bad_alloc&) {
@@ -313,6 +330,20 @@ ByteBuffer encode(std::span<const SourcedRule> rules) {
 
 ByteBuffer encode(std::span<const WKRule> rules) {
   return encodeAll(rules, [](const WKRule& rule) -> const WKRule& { return rule; });
+}
+
+void encode(std::span<const SourcedRule> rules,
+            const std::function<void(std::string_view)>& write) {
+  constexpr std::size_t pieceSize = std::size_t{1} << 18;  // stays in the processor's cache
+  Encoder encoder;
+  for (const SourcedRule& rule : rules) {
+    encoder.add(rule.rule);
+    if (encoder.written().size() < pieceSize) continue;
+    write(encoder.written());
+    encoder.clear();
+  }
+  encoder.finish();
+  write(encoder.written());
 }
 
 std::vector<WKRule> decode(std::string_view document) {

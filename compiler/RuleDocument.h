@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <span>
 #include <stdexcept>
 #include <string_view>
@@ -22,6 +23,10 @@ class DecodeError : public std::runtime_error {
 /// out it is the empty array "[]".
 ByteBuffer encode(std::span<const SourcedRule> rules);
 ByteBuffer encode(std::span<const WKRule> rules);
+
+/// Hands the same document to `write` piece by piece, for when it is not needed as a whole. Throws
+/// what `write` throws, and std::bad_alloc.
+void encode(std::span<const SourcedRule> rules, const std::function<void(std::string_view)>& write);
 
 /// Reads a document as `encode` writes it, in any member order and spacing; unknown members are
 /// ignored and of a repeated one the last counts. Throws DecodeError, which names the rule.

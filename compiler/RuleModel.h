@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "compiler/LargeMemory.h"
 #include "compiler/Text.h"
 #include "compiler/Uuid.h"
 
@@ -72,6 +73,9 @@ struct SourcedRule {
   bool operator==(const SourcedRule&) const = default;
 };
 
+/// Rules by the hundred thousand.
+using SourcedRules = LargeVector<SourcedRule>;
+
 /// A filter line that content-blocker rules cannot express.
 struct SkippedRule {
   /// Made with the record; only tells records apart on screen.
@@ -89,7 +93,7 @@ struct SkippedRule {
 struct ParseOutput {
   /// Every distinct rule: blocks, then exceptions, then element hiding; each in order of first
   /// appearance.
-  std::vector<SourcedRule> rules;
+  SourcedRules rules;
   /// In the order met, at most `FilterCompiler::maxSkippedPerList` of each list.
   std::vector<SkippedRule> skipped;
   /// All skipped lines of each list that has any.

@@ -10,6 +10,13 @@ constexpr std::size_t growthFactor = 4;
 
 RuleSet::RuleSet() : slots_(initialSlots) {}
 
+void RuleSet::reserve(std::size_t count) {
+  rules_.reserve(count);
+  std::size_t slots = slots_.size();
+  while (slots < count * 2) slots *= 2;
+  if (slots != slots_.size()) resize(slots);
+}
+
 void RuleSet::add(SourcedRule&& rule, std::uint64_t hash) {
   const auto tag = static_cast<std::uint32_t>(hash);
   std::size_t slot = slotOf(tag);
@@ -19,11 +26,11 @@ void RuleSet::add(SourcedRule&& rule, std::uint64_t hash) {
   }
   slots_[slot] = {tag, static_cast<std::uint32_t>(rules_.size())};
   rules_.push_back(std::move(rule));
-  if (rules_.size() * 2 > slots_.size()) grow();
+  if (rules_.size() * 2 > slots_.size()) resize(slots_.size() * growthFactor);
 }
 
-void RuleSet::grow() {
-  std::vector<Slot> old(slots_.size() * growthFactor);
+void RuleSet::resize(std::size_t slots) {
+  LargeVector<Slot> old(slots);
   old.swap(slots_);
   for (const Slot& moved : old) {
     if (moved.index == empty) continue;

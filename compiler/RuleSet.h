@@ -13,6 +13,9 @@ class RuleSet {
  public:
   RuleSet();
 
+  /// Makes room for about that many rules at once, instead of moving them as they become more.
+  void reserve(std::size_t count);
+
   /// Brings the table's slot for a rule closer; worth it some rules ahead of `add`.
   void prefetch(std::uint64_t hash) const noexcept {
     __builtin_prefetch(&slots_[slotOf(static_cast<std::uint32_t>(hash))]);
@@ -22,7 +25,7 @@ class RuleSet {
   /// hashes.
   void add(SourcedRule&& rule, std::uint64_t hash);
 
-  std::vector<SourcedRule>& rules() noexcept { return rules_; }
+  SourcedRules& rules() noexcept { return rules_; }
 
  private:
   // An open-addressing table in which a slot is found by its tag alone, so that it can grow
@@ -34,10 +37,10 @@ class RuleSet {
   static constexpr std::uint32_t empty = 0xFFFFFFFF;
 
   std::size_t slotOf(std::uint32_t tag) const noexcept { return tag & (slots_.size() - 1); }
-  void grow();
+  void resize(std::size_t slots);
 
-  std::vector<Slot> slots_;  // a power of two of them, at most half in use
-  std::vector<SourcedRule> rules_;
+  LargeVector<Slot> slots_;  // a power of two of them, at most half in use
+  SourcedRules rules_;
 };
 
 }  // namespace tamsel::FilterCompiler

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "compiler/LargeMemory.h"
 #include "compiler/Text.h"
 #include "engine/UrlText.h"
 
@@ -43,7 +44,7 @@ class DomainConditions {
   bool contains(const Condition& condition, std::string_view domain, std::uint32_t hash) const;
 
   std::vector<Condition> conditions_;
-  std::vector<Slot> slots_;
+  LargeVector<Slot> slots_;
 };
 
 }  // namespace tamsel

@@ -40,7 +40,7 @@ class LowerHost {
 };
 
 // The network rules with the blocks in front, each kind in the order given.
-std::vector<SourcedRule> networkRules(std::vector<SourcedRule> rules) {
+SourcedRules networkRules(SourcedRules rules) {
   const auto byKind = [](const SourcedRule& a, const SourcedRule& b) { return a.kind < b.kind; };
   if (!std::is_sorted(rules.begin(), rules.end(), byKind)) {
     std::stable_sort(rules.begin(), rules.end(), byKind);
@@ -49,7 +49,7 @@ std::vector<SourcedRule> networkRules(std::vector<SourcedRule> rules) {
   return rules;
 }
 
-std::span<const SourcedRule> ofKind(const std::vector<SourcedRule>& rules, RuleKind kind) {
+std::span<const SourcedRule> ofKind(const SourcedRules& rules, RuleKind kind) {
   const auto byKind = [](const SourcedRule& rule, RuleKind value) { return rule.kind < value; };
   const auto begin = std::lower_bound(rules.begin(), rules.end(), kind, byKind);
   auto end = rules.end();
@@ -66,18 +66,17 @@ std::optional<SourcedRule> copied(const SourcedRule* rule) {
 }  // namespace
 
 struct Engine::State {
-  explicit State(std::vector<SourcedRule> all)
+  explicit State(SourcedRules all)
       : rules(networkRules(std::move(all))),
         blocks(ofKind(rules, RuleKind::block)),
         exceptions(ofKind(rules, RuleKind::exception)) {}
 
-  const std::vector<SourcedRule> rules;
+  const SourcedRules rules;
   const RuleMatcher blocks;
   const RuleMatcher exceptions;
 };
 
-Engine::Engine(std::vector<SourcedRule> rules)
-    : state_(std::make_unique<const State>(std::move(rules))) {}
+Engine::Engine(SourcedRules rules) : state_(std::make_unique<const State>(std::move(rules))) {}
 
 Engine::~Engine() = default;
 

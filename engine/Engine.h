@@ -28,7 +28,7 @@ class Engine {
   };
 
   /// Element-hiding rules are left out. A rule whose expression is invalid never matches.
-  explicit Engine(std::vector<SourcedRule> rules);
+  explicit Engine(SourcedRules rules);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;

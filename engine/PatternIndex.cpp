@@ -125,9 +125,9 @@ std::optional<std::string_view> boundedHostRun(const UrlProgram& program) {
 
 }  // namespace
 
-std::vector<PatternIndex::Filing> PatternIndex::fileAll(
+LargeVector<PatternIndex::Filing> PatternIndex::fileAll(
     std::size_t count, const std::function<UrlProgram(std::size_t)>& program, Keys keys) {
-  std::vector<Filing> filings(count);
+  LargeVector<Filing> filings(count);
   GramChooser grams;
   std::string lower;
   const auto lowerCode = [&lower](const UrlProgram& of) -> std::string_view {
@@ -169,7 +169,7 @@ PatternIndex::PatternIndex(std::size_t count, const std::function<UrlProgram(std
                            Keys keys)
     : PatternIndex(fileAll(count, program, keys), keys) {}
 
-PatternIndex::PatternIndex(const std::vector<Filing>& filings, Keys keys)
+PatternIndex::PatternIndex(const LargeVector<Filing>& filings, Keys keys)
     : keys_(keys),
       hostRuns_(static_cast<std::size_t>(
           std::count_if(filings.begin(), filings.end(),
@@ -184,18 +184,20 @@ PatternIndex::PatternIndex(const std::vector<Filing>& filings, Keys keys)
   }
 }
 
-void PatternIndex::fileHostRuns(const std::vector<Filing>& filings) {
+void PatternIndex::fileHostRuns(const LargeVector<Filing>& filings) {
   nextInRun_.resize(filings.size(), none);
   // From the last to the first, because each is put in front of those under its run.
+  constexpr std::size_t ahead = 16;  // far enough for memory to answer meanwhile
   for (std::size_t i = filings.size(); i-- > 0;) {
+    if (i >= ahead) hostRuns_.prefetch(filings[i - ahead].key);
     if (filings[i].place != Filing::Place::hostRun) continue;
     std::uint32_t& first = hostRuns_.valueOf(filings[i].key);
     nextInRun_[i] = std::exchange(first, static_cast<Pattern>(i));
   }
 }
 
-void PatternIndex::fileTexts(const std::vector<Filing>& filings) {
-  std::vector<std::uint64_t> order;  // the gram, then the pattern
+void PatternIndex::fileTexts(const LargeVector<Filing>& filings) {
+  LargeVector<std::uint64_t> order;  // the gram, then the pattern
   for (std::size_t i = 0; i < filings.size(); ++i) {
     if (filings[i].place != Filing::Place::text) continue;
     order.push_back(std::uint64_t{filings[i].key} << 32 | i);

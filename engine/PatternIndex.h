@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "compiler/LargeMemory.h"
 #include "engine/Budget.h"
 #include "engine/UrlProgram.h"
 #include "engine/UrlText.h"
@@ -141,8 +142,8 @@ class PatternIndex {
     }
     std::size_t next(std::size_t slot) const noexcept { return (slot + 1) & (slots_.size() - 1); }
 
-    std::vector<std::uint64_t> filter_;
-    std::vector<Slot> slots_;
+    LargeVector<std::uint64_t> filter_;
+    LargeVector<Slot> slots_;
     unsigned filterShift_;
     unsigned slotShift_;
   };
@@ -214,18 +215,18 @@ class PatternIndex {
     return checked < text.size() && gramAt(text.data() + checked) == entry.check &&
            (entry.offset <= position || entry.offset == anyOffset);
   }
-  static std::vector<Filing> fileAll(std::size_t count,
+  static LargeVector<Filing> fileAll(std::size_t count,
                                      const std::function<UrlProgram(std::size_t)>& program,
                                      Keys keys);
-  explicit PatternIndex(const std::vector<Filing>& filings, Keys keys);
-  void fileHostRuns(const std::vector<Filing>& filings);
-  void fileTexts(const std::vector<Filing>& filings);
+  explicit PatternIndex(const LargeVector<Filing>& filings, Keys keys);
+  void fileHostRuns(const LargeVector<Filing>& filings);
+  void fileTexts(const LargeVector<Filing>& filings);
 
   Keys keys_;
   Table hostRuns_;                  // from a run's hash to the first pattern under it
-  std::vector<Pattern> nextInRun_;  // by pattern: the next one under the same run
+  LargeVector<Pattern> nextInRun_;  // by pattern: the next one under the same run
   Table texts_;                     // from a gram to the first of its entries
-  std::vector<TextEntry> entries_;
+  LargeVector<TextEntry> entries_;
   std::vector<Pattern> unfiled_;
 };
 

@@ -89,8 +89,8 @@ class RuleMatcher {
   static TypeSet typeOf(std::string_view name) noexcept;
 
   std::span<const SourcedRule> rules_;
-  std::vector<Conditions> conditions_;  // by rule
-  std::vector<Group> groups_;
+  LargeVector<Conditions> conditions_;  // by rule
+  LargeVector<Group> groups_;
   // By group, for those without an exact program: the first group with the same expression.
   std::unordered_map<std::size_t, std::size_t> sharedExpressions_;
   CodeStore code_;

@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const ParseOutput output = FilterCompiler::parse({&list, 1});
   if (mayExplode(output)) return 0;
 
-  const Engine engine{std::vector<SourcedRule>(output.rules)};
+  const Engine engine{SourcedRules(output.rules)};
   PlainScan plain(output.rules);
   for (std::string_view type : {"image", "script", "document"}) {
     for (const auto& from :

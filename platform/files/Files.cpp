@@ -83,9 +83,14 @@ std::string temporaryName(const std::string& path) {
   return path + ".tmp-" + std::to_string(device()) + std::to_string(device());
 }
 
+Sink sinkTo(const Descriptor& file, const std::string& name) {
+  return [&file, &name](std::string_view bytes) { writeAll(file.get(), bytes, name); };
+}
+
 // Writes the bytes into a file that has no name until it is whole, and gives it one. Where the
 // file system has no nameless files, the name is there from the start.
-std::string writeBeside(const std::string& path, std::string_view bytes, const mode_t* mode) {
+std::string writeBeside(const std::string& path, const std::function<void(const Sink&)>& produce,
+                        const mode_t* mode) {
   const std::string name = quoted(path);
   const std::string temporary = temporaryName(path);
   constexpr mode_t allButUmask = 0666;
@@ -93,7 +98,7 @@ std::string writeBeside(const std::string& path, std::string_view bytes, const m
       ::open(folderOf(path).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, allButUmask));
   if (nameless) {
     if (mode != nullptr) (void)::fchmod(nameless.get(), *mode);
-    writeAll(nameless.get(), bytes, name);
+    produce(sinkTo(nameless, name));
     const std::string link = "/proc/self/fd/" + std::to_string(nameless.get());
     if (::linkat(AT_FDCWD, link.c_str(), AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW) == 0) {
       return temporary;
@@ -104,7 +109,7 @@ std::string writeBeside(const std::string& path, std::string_view bytes, const m
   if (!named) fail("write", name, errno);
   if (mode != nullptr) (void)::fchmod(named.get(), *mode);
   try {
-    writeAll(named.get(), bytes, name);
+    produce(sinkTo(named, name));
   } catch (...) {
     ::unlink(temporary.c_str());
     throw;
@@ -132,16 +137,21 @@ void writeAll(int descriptor, std::string_view bytes, std::string_view name) {
 }
 
 void replace(const std::string& path, std::string_view bytes) {
+  replace(path, [bytes](const Sink& sink) { sink(bytes); });
+}
+
+void replace(const std::string& path, const std::function<void(const Sink&)>& produce) {
   const std::string target = resolved(path);
   struct stat status {};
   const bool exists = ::stat(target.c_str(), &status) == 0;
   if (exists && !S_ISREG(status.st_mode)) {
     const Descriptor file(::open(target.c_str(), O_WRONLY | O_CLOEXEC));
     if (!file) fail("write", quoted(path), errno);
-    return writeAll(file.get(), bytes, quoted(path));
+    const std::string name = quoted(path);
+    return produce(sinkTo(file, name));
   }
   const mode_t mode = status.st_mode & 07777;
-  const std::string temporary = writeBeside(target, bytes, exists ? &mode : nullptr);
+  const std::string temporary = writeBeside(target, produce, exists ? &mode : nullptr);
   if (::rename(temporary.c_str(), target.c_str()) != 0) {
     const int error = errno;
     ::unlink(temporary.c_str());

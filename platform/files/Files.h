@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -27,6 +28,13 @@ std::string read(const std::string& path);
 /// ones, and a failure or an interruption leaves the old file and nothing else. Links are followed;
 /// what is no regular file (a terminal, a pipe) is written to directly. Throws FileError.
 void replace(const std::string& path, std::string_view bytes);
+
+/// Takes bytes for a file. Throws FileError.
+using Sink = std::function<void(std::string_view)>;
+
+/// The same with the bytes that `produce` hands to the sink it is given. Where the file system
+/// makes a second start necessary, `produce` is called again.
+void replace(const std::string& path, const std::function<void(const Sink&)>& produce);
 
 /// Writes to an open file. `name` is what an error calls it. Throws FileError.
 void writeAll(int descriptor, std::string_view bytes, std::string_view name);

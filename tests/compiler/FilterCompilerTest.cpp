@@ -102,7 +102,7 @@ void expectLine(const std::string& line, const std::string& expected) {
   EXPECT_EQ(render(result), expected);
   EXPECT_EQ(parseLine("\t \u00A0" + line + "\u3000 \t").value, result.value);
   const ParseOutput output = parse({line});
-  std::vector<SourcedRule> rules;
+  SourcedRules rules;
   std::vector<SkippedRule> skips;
   if (const auto* made = std::get_if<LineResult::Rules>(&result.value)) {
     rules = *made;

@@ -13,7 +13,7 @@ namespace {
 
 // Meant for the thread sanitizer: whatever the engine prepares on first use is raced for.
 TEST(EngineConcurrency, ThreadsGetTheAnswersOfOne) {
-  std::vector<SourcedRule> rules = test::compile(
+  SourcedRules rules = test::compile(
       "||ads.example^\n/banner/*/img^\n/[a-z]+\\d\\.gif$/\nkelvin$match-case\nstra\n"
       "trackers$domain=page.example\n@@||ads.example/ok/\n@@/(ok)+/$image\n");
   for (const char* filter :

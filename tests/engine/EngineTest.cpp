@@ -48,7 +48,7 @@ std::string repeated(std::size_t count, std::string_view text) {
 // An engine and the matcher that it must agree with.
 class Pair {
  public:
-  explicit Pair(const std::vector<SourcedRule>& rules) : engine_(rules), plain_(rules) {}
+  explicit Pair(const SourcedRules& rules) : engine_(rules), plain_(rules) {}
 
   std::string verdict(const Request& request) {
     const ExactCopy url(request.url), page(request.page.value_or("")), type(request.type);
@@ -67,19 +67,19 @@ class Pair {
   PlainScan plain_;
 };
 
-std::vector<SourcedRule> block(WKRule::Trigger trigger) {
+SourcedRules block(WKRule::Trigger trigger) {
   return {handMade(RuleKind::block, std::move(trigger))};
 }
 
 // A rule for pages of certain domains.
-std::vector<SourcedRule> on(Maybe<TextList> ifDomain, Maybe<TextList> unlessDomain = {}) {
+SourcedRules on(Maybe<TextList> ifDomain, Maybe<TextList> unlessDomain = {}) {
   return block({"ad", {}, {}, {}, ifDomain, unlessDomain});
 }
 
 TEST(Engine, FindsTheFirstRules) {
   const std::string ad = "http://s.x/ad", own = "http://s.x/", other = "http://b.c/";
   const struct {
-    std::vector<SourcedRule> rules;
+    SourcedRules rules;
     Request request;
     std::string expected;
   } cases[] = {
@@ -250,7 +250,7 @@ TEST(EngineAgreement, OnAllSmallPatterns) {
     const Strings urls = sequences({"a", "b", ".", "/", ":", "?", "@", "-"}, urlLength);
     // Two patterns are tested at once, as a block rule and as an exception, under each type.
     for (auto filter = filters.begin(); filter != filters.end();) {
-      std::vector<SourcedRule> rules;
+      SourcedRules rules;
       for (const RuleKind kind : {RuleKind::block, RuleKind::exception}) {
         for (std::size_t i = 0; i < allTypes.size() && filter != filters.end(); ++i, ++filter) {
           rules.push_back(handMade(kind, {*filter, {}, TextList{allTypes[i]}, {}, {}, {}}));
@@ -346,7 +346,7 @@ TEST(EngineAgreement, OnRandomRulesAndUrls) {
     std::string filters;
     const std::size_t count = 1 + pickBelow(random, seed % 4 == 0 ? 100 : 8);
     for (std::size_t i = 0; i < count; ++i) filters += randomFilter(random) + "\n";
-    std::vector<SourcedRule> rules = compile(filters);
+    SourcedRules rules = compile(filters);
     for (std::size_t n = pickBelow(random, 4); n > 0; --n) {
       const auto at =
           rules.begin() + static_cast<std::ptrdiff_t>(pickBelow(random, rules.size() + 1));

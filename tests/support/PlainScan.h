@@ -19,7 +19,7 @@ namespace tamsel::test {
 /// every expression is searched by ICU. Not for use by several threads at once.
 class PlainScan {
  public:
-  explicit PlainScan(std::vector<SourcedRule> rules) : rules_(std::move(rules)) {}
+  explicit PlainScan(SourcedRules rules) : rules_(std::move(rules)) {}
 
   Engine::Verdict evaluate(std::string_view url, std::optional<std::string_view> pageURL,
                            std::string_view type);
@@ -34,7 +34,7 @@ class PlainScan {
   bool matches(const WKRule::Trigger& trigger, const Request& request);
   bool finds(const WKRule::Trigger& trigger, const icu::UnicodeString& url);
 
-  std::vector<SourcedRule> rules_;
+  SourcedRules rules_;
   /// By url-filter and case sensitivity; null when ICU rejects the expression.
   std::map<std::pair<std::string, bool>, std::unique_ptr<icu::RegexMatcher>> expressions_;
 };

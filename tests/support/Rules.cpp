@@ -5,7 +5,7 @@
 
 namespace tamsel::test {
 
-std::vector<SourcedRule> compile(std::string_view filters) {
+SourcedRules compile(std::string_view filters) {
   const ExactCopy text(filters);
   const FilterCompiler::Input input{Uuid{}, "Test list", text};
   return FilterCompiler::parse({&input, 1}).rules;

@@ -11,7 +11,7 @@
 namespace tamsel::test {
 
 /// The rules of one filter list, as a rebuild would hand them to the engine.
-std::vector<SourcedRule> compile(std::string_view filters);
+SourcedRules compile(std::string_view filters);
 
 /// A rule with a trigger that no filter line yields; its source is its url-filter.
 SourcedRule handMade(RuleKind kind, WKRule::Trigger trigger);

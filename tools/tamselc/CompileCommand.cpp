@@ -132,13 +132,15 @@ int CompileCommand::run() const {
   const auto start = std::chrono::steady_clock::now();
   const FilterLists inputs(lists);
   const ParseOutput compiled = FilterCompiler::parse(inputs.inputs());
-  const ByteBuffer document = RuleDocument::encode(compiled.rules);
   const std::vector<CompiledList> perList = countPerList(inputs, compiled);
   if (!report.empty()) Files::replace(report, makeReport(perList, compiled));
+  const auto writeDocument = [&compiled](const Files::Sink& sink) {
+    RuleDocument::encode(compiled.rules, sink);
+  };
   if (output.empty()) {
-    writeOutput(document);
+    writeDocument(writeOutput);
   } else {
-    Files::replace(output, document);
+    Files::replace(output, writeDocument);
   }
   printTable(perList, compiled, std::chrono::steady_clock::now() - start, !report.empty());
   return 0;
