@@ -62,7 +62,7 @@ std::variant<DomainLists, Skip> DomainParser::parseDomains(std::string_view list
     return Skip{"Mixing included and excluded domains is not supported"};
   }
   DomainLists lists;
-  (excluded == 0 ? lists.ifDomain : lists.unlessDomain) = TextList(entries_, ends_);
+  (excluded == 0 ? lists.ifDomain : lists.unlessDomain) = pool_.list(entries_, ends_);
   // No domain holds a "*", so the entries written together still tell where each begins.
   lists.hash = hashBytes(entries_, excluded == 0 ? 1 : 2);
   return lists;

@@ -39,12 +39,16 @@ struct DomainLists {
 /// Reads the domain lists of filters. Keeps its buffers from one call to the next.
 class DomainParser {
  public:
+  /// The lists are made from the pool.
+  explicit DomainParser(TextPool& pool) : pool_(pool) {}
+
   /// Reads domains separated by `separator`, those to be excluded with "~" in front.
   std::variant<DomainLists, Skip> parseDomains(std::string_view list, char separator);
 
  private:
   std::optional<Skip> append(std::string_view domain);
 
+  TextPool& pool_;
   std::string entries_;            // every entry read so far, each beginning with "*"
   std::vector<std::size_t> ends_;  // where each ends
 };

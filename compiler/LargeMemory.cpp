@@ -7,7 +7,6 @@
 namespace tamsel::LargeMemory {
 
 void* allocate(std::size_t size) {
-  constexpr std::size_t largePage = std::size_t{2} << 20;
   void* memory = nullptr;
   if (size < largePage) {
     memory = std::malloc(size);

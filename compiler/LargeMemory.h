@@ -11,6 +11,9 @@ namespace tamsel {
 /// come in five hundred times fewer pieces and are found faster.
 namespace LargeMemory {
 
+/// The size and the alignment of a large page.
+inline constexpr std::size_t largePage = std::size_t{2} << 20;
+
 /// At least `size` bytes, aligned for any type. Throws std::bad_alloc.
 void* allocate(std::size_t size);
 void free(void* memory) noexcept;

@@ -128,9 +128,9 @@ std::optional<Skip> LineCompiler::cosmetic(const CosmeticFilter& filter, std::st
   rule.trigger.ifDomain = std::move(domains.ifDomain);
   rule.trigger.unlessDomain = std::move(domains.unlessDomain);
   rule.action.type = CosmeticTexts::get().action;
-  rule.action.selector = Text(selector);
+  rule.action.selector = pool_.text(selector);
   made.rule.kind = RuleKind::cosmetic;
-  made.rule.source = source;
+  made.rule.source = pool_.text(source);
   made.rule.listID = origin.listID;
   made.rule.listName = origin.listName;
   return std::nullopt;

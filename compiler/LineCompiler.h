@@ -29,8 +29,9 @@ class LineCompiler {
   std::optional<Skip> cosmetic(const CosmeticFilter& filter, std::string_view source,
                                const Origin& origin, std::vector<HashedRule>& rules);
 
-  DomainParser domains_;
-  NetworkConverter network_;
+  TextPool pool_;
+  DomainParser domains_{pool_};
+  NetworkConverter network_{pool_};
 };
 
 }  // namespace tamsel::FilterCompiler

@@ -166,13 +166,13 @@ std::optional<Skip> NetworkConverter::network(std::string_view line, std::string
   const SharedTexts& shared = SharedTexts::get();
   const RuleKind kind = exception ? RuleKind::exception : RuleKind::block;
   SourcedRule rule;
-  rule.rule.trigger.urlFilter = filter_;
+  rule.rule.trigger.urlFilter = pool_.text(filter_);
   if (options.caseSensitive) rule.rule.trigger.caseSensitive = true;
   rule.rule.trigger.ifDomain = std::move(options.domains.ifDomain);
   rule.rule.trigger.unlessDomain = std::move(options.domains.unlessDomain);
   rule.rule.action.type = exception ? shared.ignorePreviousRules : shared.block;
   rule.kind = kind;
-  rule.source = source;
+  rule.source = pool_.text(source);
   rule.listID = origin.listID;
   rule.listName = origin.listName;
   const std::uint64_t hash = combineHashes(

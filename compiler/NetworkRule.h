@@ -27,6 +27,9 @@ struct Origin {
 /// Converts network filters. Keeps its buffers from one call to the next.
 class NetworkConverter {
  public:
+  /// The texts of rules are made from the pool.
+  explicit NetworkConverter(TextPool& pool) : pool_(pool), domains_(pool) {}
+
   /// Converts one network filter without white space around it: a URL pattern, perhaps with "@@"
   /// in front and "$" and options behind. Appends one or two rules, the main rule first, or none
   /// when it returns why the filter cannot be expressed. `source` is what the rules name as theirs.
@@ -50,6 +53,7 @@ class NetworkConverter {
   std::optional<Skip> readOptions(std::string_view text, Options& options);
   std::optional<Skip> readOption(std::string_view piece, Options& options);
 
+  TextPool& pool_;
   DomainParser domains_;
   std::string filter_;  // the url-filter of the line being converted
   std::string option_;  // the option being read, in lower case

@@ -15,22 +15,30 @@
 namespace tamsel {
 
 // Immutable text in shared storage. A list of 100,000 filters yields 200,000 rules that share most
-// of their text, so a copy of a rule must cost a counter and not a string.
+// of their text, so a copy of a rule must cost a counter and not a string, and a text must not cost
+// an allocation.
 namespace detail {
 
-/// The counter in front of shared storage. Blocks marked immortal are never counted nor freed,
-/// which keeps the few lists that every rule shares from being a point of contention.
-struct SharedBlock {
+/// Memory that texts stand in, one behind the other, freed when the last reference to any of them
+/// goes. Chunks marked immortal are never counted nor freed, which keeps the few texts that every
+/// rule shares from being a point of contention.
+struct TextChunk {
   static constexpr std::uint64_t immortal = std::uint64_t{1} << 63;
-  std::atomic<std::uint64_t> references{1};
+  std::atomic<std::uint64_t> references{0};
+};
+
+/// What stands in front of a text or a list.
+struct TextBlock {
+  std::uint32_t chunkOffset = 0;  // back to the chunk
+  std::uint32_t count = 0;        // of bytes, or of strings
 };
 
 /// One owning reference to a block; null owns nothing.
 class BlockReference {
  public:
   constexpr BlockReference() noexcept = default;
-  /// Takes over the reference that the caller holds.
-  explicit BlockReference(SharedBlock* adopted) noexcept : block_(adopted) {}
+  /// Takes over the reference to the chunk that the caller holds.
+  explicit BlockReference(TextBlock* adopted) noexcept : block_(adopted) {}
   BlockReference(const BlockReference& other) noexcept : block_(other.block_) { retain(); }
   BlockReference(BlockReference&& other) noexcept : block_(std::exchange(other.block_, nullptr)) {}
   BlockReference& operator=(BlockReference other) noexcept {
@@ -39,22 +47,27 @@ class BlockReference {
   }
   ~BlockReference() { release(); }
 
-  SharedBlock* get() const noexcept { return block_; }
+  TextBlock* get() const noexcept { return block_; }
 
  private:
+  TextChunk& chunk() const noexcept {
+    return *reinterpret_cast<TextChunk*>(reinterpret_cast<char*>(block_) - block_->chunkOffset);
+  }
   void retain() const noexcept {
     if (block_ == nullptr) return;
-    if (block_->references.load(std::memory_order_relaxed) >= SharedBlock::immortal) return;
-    block_->references.fetch_add(1, std::memory_order_relaxed);
+    std::atomic<std::uint64_t>& references = chunk().references;
+    if (references.load(std::memory_order_relaxed) >= TextChunk::immortal) return;
+    references.fetch_add(1, std::memory_order_relaxed);
   }
   void release() noexcept {
     if (block_ == nullptr) return;
-    if (block_->references.load(std::memory_order_relaxed) >= SharedBlock::immortal) return;
-    if (block_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) free(block_);
+    std::atomic<std::uint64_t>& references = chunk().references;
+    if (references.load(std::memory_order_relaxed) >= TextChunk::immortal) return;
+    if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) free(chunk());
   }
-  static void free(SharedBlock* block) noexcept;
+  static void free(TextChunk& chunk) noexcept;
 
-  SharedBlock* block_ = nullptr;
+  TextBlock* block_ = nullptr;
 };
 
 struct Absent {};
@@ -64,7 +77,10 @@ struct Absent {};
 template <class T>
 class Maybe;
 
-/// An immutable string of bytes (UTF-8 wherever it came from text). Copies share storage.
+class TextPool;
+
+/// An immutable string of bytes (UTF-8 wherever it came from text), of less than 4 GiB: making a
+/// longer one throws std::length_error. Copies share storage.
 class Text {
  public:
   Text() noexcept;
@@ -94,6 +110,7 @@ class Text {
 
  private:
   friend class Maybe<Text>;
+  friend class TextPool;
   explicit Text(detail::Absent) noexcept {}
   detail::BlockReference block_;  // null only in an empty Maybe and after a move
 };
@@ -135,9 +152,6 @@ class TextList {
   TextList(std::initializer_list<std::string_view> items)
       : TextList(std::span<const std::string_view>(items.begin(), items.size())) {}
 
-  /// The strings that stand one behind the other in `bytes`, the i-th up to `ends[i]`.
-  TextList(std::string_view bytes, std::span<const std::size_t> ends);
-
   /// A list that lives as long as the program; copying it touches no counter.
   static TextList immortal(std::span<const std::string_view> items);
 
@@ -159,8 +173,32 @@ class TextList {
 
  private:
   friend class Maybe<TextList>;
+  friend class TextPool;
   explicit TextList(detail::Absent) noexcept {}
   detail::BlockReference block_;  // null only in an empty Maybe and after a move
+};
+
+/// Makes many texts at little cost: they share chunks of memory, each of which is freed with the
+/// last of its texts. For one thread; the texts are for any.
+class TextPool {
+ public:
+  TextPool() = default;
+  ~TextPool() { retireChunk(); }
+  TextPool(const TextPool&) = delete;
+  TextPool& operator=(const TextPool&) = delete;
+
+  Text text(std::string_view text);
+  /// The strings that stand one behind the other in `bytes`, the i-th up to `ends[i]`.
+  TextList list(std::string_view bytes, std::span<const std::size_t> ends);
+
+ private:
+  detail::TextBlock* allocate(std::size_t payload);
+  void retireChunk() noexcept;
+
+  detail::TextChunk* chunk_ = nullptr;
+  std::size_t used_ = 0;
+  std::size_t capacity_ = 0;
+  std::uint64_t handedOut_ = 0;  // references to the chunk, counted when it is retired
 };
 
 /// Optional shared storage in the size of one pointer; used like std::optional.

@@ -1,6 +1,7 @@
 #include "engine/UrlProgram.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <limits>
 
@@ -12,23 +13,40 @@ namespace {
 
 namespace Syntax = FilterCompiler::UrlFilterSyntax;
 
+// What a byte is to the syntax of expressions.
+struct ByteSyntax {
+  bool printable = false;
+  bool quantifier = false;
+  bool special = false;         // has a meaning when it stands alone
+  bool identityEscape = false;  // stands for itself behind a backslash
+};
+
+constexpr std::array<ByteSyntax, 256> byteSyntax = [] {
+  std::array<ByteSyntax, 256> table{};
+  const auto at = [&table](char c) -> ByteSyntax& { return table[static_cast<unsigned char>(c)]; };
+  for (char c = 0x20; c <= 0x7E; ++c) at(c).printable = true;
+  for (char c : std::string_view("*+?{")) at(c).quantifier = true;
+  for (char c : Syntax::escaped) at(c).special = at(c).identityEscape = true;
+  for (char c : std::string_view("*^")) at(c).special = at(c).identityEscape = true;
+  // Beside what has to be escaped, what people escape without need.
+  for (char c : std::string_view("/-&=:%")) at(c).identityEscape = true;
+  return table;
+}();
+
+const ByteSyntax& syntaxOf(char c) {
+  return byteSyntax[static_cast<unsigned char>(c)];
+}
 bool isPrintable(char c) {
-  return c >= 0x20 && c <= 0x7E;
+  return syntaxOf(c).printable;
 }
-
 bool isQuantifier(char c) {
-  return c == '*' || c == '+' || c == '?' || c == '{';
+  return syntaxOf(c).quantifier;
 }
-
-// Characters that a backslash in front makes themselves: those that patterns escape, and those
-// that people escape in expressions without need.
 bool isIdentityEscape(char c) {
-  return Syntax::escaped.find(c) != std::string_view::npos || c == '/' || c == '*' || c == '^' ||
-         c == '-' || c == '&' || c == '=' || c == ':' || c == '%';
+  return syntaxOf(c).identityEscape;
 }
-
 bool isSyntax(char c) {
-  return Syntax::escaped.find(c) != std::string_view::npos || c == '*' || c == '^';
+  return syntaxOf(c).special;
 }
 
 // Whether `piece`, which has no wildcard, matches `text` at its beginning.

@@ -105,7 +105,7 @@ void expectLine(const std::string& line, const std::string& expected) {
   SourcedRules rules;
   std::vector<SkippedRule> skips;
   if (const auto* made = std::get_if<LineResult::Rules>(&result.value)) {
-    rules = *made;
+    rules.assign(made->begin(), made->end());
     EXPECT_EQ(rules[0], (SourcedRule{rules[0].rule, rules[0].kind, trimmed, listID, listName}));
   } else if (const auto* skipped = std::get_if<LineResult::Skipped>(&result.value)) {
     skips.push_back({{}, trimmed, skipped->reason, listID, listName});
