@@ -87,25 +87,24 @@ std::string madeUpRequests(std::size_t count, unsigned seed) {
 }
 
 std::string multiplied(const std::string& list, std::size_t copies) {
+  constexpr std::size_t mostLetters = 4;  // tell up to 16 copies apart
   std::string all = list;
-  all.reserve(list.size() * copies * 5 / 4);
+  all.reserve(list.size() * copies);
   for (std::size_t copy = 1; copy < copies; ++copy) {
-    const std::string mark = "k" + std::to_string(copy);
-    std::string_view rest = list;
-    while (!rest.empty()) {
-      const std::size_t end = std::min(rest.find('\n'), rest.size());
-      std::string line(rest.substr(0, end));
-      rest.remove_prefix(std::min(end + 1, rest.size()));
-      if (line.find("##") != std::string::npos) {
-        line += "-" + mark;  // another selector
-      } else if (line.starts_with("||")) {
-        line.insert(2, mark + ".");
-      } else if (line.starts_with("@@||")) {
-        line.insert(4, mark + ".");
-      } else if (!line.starts_with('!')) {
-        line.insert(line.starts_with("@@") ? 2 : 0, "/" + mark);
+    std::size_t begin = all.size();
+    all += list;
+    while (begin < all.size()) {
+      const std::size_t end = std::min(all.find('\n', begin), all.size());
+      // The first letters of the line's selector or pattern: those that are capitals spell the
+      // copy's number in binary. So every copy is as long as the list itself.
+      const std::size_t marker = std::string_view(all).substr(begin, end - begin).find("##");
+      std::size_t i = marker == std::string_view::npos ? begin : begin + marker;
+      for (std::size_t letters = 0; i < end && letters < mostLetters; ++i) {
+        if (all[i] < 'a' || all[i] > 'z') continue;
+        if ((copy >> letters & 1) != 0) all[i] = static_cast<char>(all[i] - 'a' + 'A');
+        ++letters;
       }
-      all += line + "\n";
+      begin = end + 1;
     }
   }
   return all;

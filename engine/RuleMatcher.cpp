@@ -36,9 +36,10 @@ std::string caseFolded(std::string_view url) {
 
 std::string_view RuleMatcher::CodeStore::add(std::string_view code) {
   if (code.size() > freeSize_) {
-    freeSize_ = std::max(blockSize, code.size());
-    blocks_.push_back(std::make_unique_for_overwrite<char[]>(freeSize_));
-    free_ = blocks_.back().get();
+    // Blocks double up to a large page, so that a small list takes little.
+    blockSize_ = std::min(blockSize_ * 2, LargeMemory::largePage);
+    freeSize_ = std::max(blockSize_, code.size());
+    free_ = blocks_.emplace_back().reserve(freeSize_);
   }
   if (!code.empty()) std::memcpy(free_, code.data(), code.size());
   const std::string_view stored(free_, code.size());

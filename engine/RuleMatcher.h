@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "compiler/ByteBuffer.h"
 #include "compiler/RuleModel.h"
 #include "engine/Budget.h"
 #include "engine/DomainConditions.h"
@@ -69,8 +70,8 @@ class RuleMatcher {
     std::string_view add(std::string_view code);
 
    private:
-    static constexpr std::size_t blockSize = std::size_t{1} << 16;
-    std::vector<std::unique_ptr<char[]>> blocks_;
+    std::vector<ByteBuffer> blocks_;
+    std::size_t blockSize_ = std::size_t{1} << 12;
     char* free_ = nullptr;
     std::size_t freeSize_ = 0;
   };

@@ -1,6 +1,7 @@
 #include "engine/Site.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 
 #include "compiler/Unicode.h"
@@ -33,8 +34,10 @@ std::optional<std::string_view> takeLastLabel(std::string_view& host) noexcept {
   std::size_t end = host.size();
   while (end > 0 && host[end - 1] == '.') --end;
   if (end == 0) return std::nullopt;
-  std::size_t begin = end;
-  while (begin > 0 && host[begin - 1] != '.') --begin;
+  const void* dot = ::memrchr(host.data(), '.', end);
+  const std::size_t begin =
+      dot == nullptr ? 0
+                     : static_cast<std::size_t>(static_cast<const char*>(dot) - host.data()) + 1;
   const std::string_view label = host.substr(begin, end - begin);
   host = host.substr(0, begin);
   return label;

@@ -120,7 +120,6 @@ std::optional<UrlProgram> compileExact(std::string_view expression, bool caseSen
   using Anchor = UrlProgram::Anchor;
   UrlProgram program;
   program.caseSensitive = caseSensitive;
-  code.clear();
   if (expression.starts_with(Syntax::hostAnchor)) {
     program.anchor = Anchor::host;
     expression.remove_prefix(Syntax::hostAnchor.size());
@@ -128,33 +127,36 @@ std::optional<UrlProgram> compileExact(std::string_view expression, bool caseSen
     program.anchor = Anchor::start;
     expression.remove_prefix(1);
   }
-  while (!expression.empty()) {
-    char c = expression.front();
+  code.resize(expression.size());  // no syntax gets longer
+  char* end = code.data();
+  for (std::size_t i = 0; i < expression.size();) {
+    char c = expression[i];
     std::size_t length = 1;
     if (c == '[') {
-      if (!expression.starts_with(Syntax::separator)) return std::nullopt;
+      if (!expression.substr(i).starts_with(Syntax::separator)) return std::nullopt;
       c = separator;
       length = Syntax::separator.size();
     } else if (c == '.') {
-      if (!expression.starts_with(Syntax::wildcard)) return std::nullopt;
+      if (!expression.substr(i).starts_with(Syntax::wildcard)) return std::nullopt;
       c = wildcard;
       length = Syntax::wildcard.size();
     } else if (c == '$') {
-      if (expression.size() != 1) return std::nullopt;
+      if (i + 1 != expression.size()) return std::nullopt;
       program.endAnchor = true;
       break;
     } else if (c == '\\') {
-      if (expression.size() < 2 || !isIdentityEscape(expression[1])) return std::nullopt;
-      c = expression[1];
+      if (i + 1 == expression.size() || !isIdentityEscape(expression[i + 1])) return std::nullopt;
+      c = expression[i + 1];
       length = 2;
     } else if (isSyntax(c) || !isPrintable(c)) {
       return std::nullopt;
     }
-    expression.remove_prefix(length);
-    if (!expression.empty() && isQuantifier(expression.front())) return std::nullopt;
-    if (c == wildcard && code.ends_with(wildcard)) continue;
-    code += caseSensitive ? c : Unicode::asciiLower(c);
+    i += length;
+    if (i < expression.size() && isQuantifier(expression[i])) return std::nullopt;
+    if (c == wildcard && end != code.data() && end[-1] == wildcard) continue;
+    *end++ = caseSensitive ? c : Unicode::asciiLower(c);
   }
+  code.resize(static_cast<std::size_t>(end - code.data()));
   return program;
 }
 

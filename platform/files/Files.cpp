@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <utility>
 
@@ -64,23 +64,30 @@ std::string readAll(int descriptor, std::string_view name) {
   return bytes;
 }
 
-// The file that a path means once its links are followed; the path itself when nothing is there.
-std::string resolved(const std::string& path) {
-  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
-                                                         &std::free);
-  return real ? std::string(real.get()) : path;
-}
-
 std::string folderOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// A name beside `path` that no file has.
+// The file that a path means once its links are followed, also when the last one leads to a file
+// that is yet to be made.
+std::string resolved(std::string path) {
+  constexpr int mostLinks = 40;  // as many as the system follows
+  for (int i = 0; i < mostLinks; ++i) {
+    std::string target(PATH_MAX, '\0');
+    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+    if (length < 0) return path;
+    target.resize(static_cast<std::size_t>(length));
+    path = target.starts_with('/') ? target : folderOf(path) + "/" + target;
+  }
+  fail("write", quoted(path), ELOOP);
+}
+
+// A name in the folder of `path` that no file has.
 std::string temporaryName(const std::string& path) {
   std::random_device device;
-  return path + ".tmp-" + std::to_string(device()) + std::to_string(device());
+  return folderOf(path) + "/.tamsel-" + std::to_string(device()) + std::to_string(device());
 }
 
 Sink sinkTo(const Descriptor& file, const std::string& name) {
@@ -141,11 +148,16 @@ void replace(const std::string& path, std::string_view bytes) {
 }
 
 void replace(const std::string& path, const std::function<void(const Sink&)>& produce) {
-  const std::string target = resolved(path);
   struct stat status {};
-  const bool exists = ::stat(target.c_str(), &status) == 0;
-  if (exists && !S_ISREG(status.st_mode)) {
-    const Descriptor file(::open(target.c_str(), O_WRONLY | O_CLOEXEC));
+  const bool exists = ::stat(path.c_str(), &status) == 0;
+  const std::string target = resolved(path);
+  struct stat targetStatus {};
+  // What a name does not lead to, such as a deleted file behind /proc, can only be opened.
+  const bool hasName =
+      !exists || (::stat(target.c_str(), &targetStatus) == 0 &&
+                  targetStatus.st_ino == status.st_ino && targetStatus.st_dev == status.st_dev);
+  if (exists && (!S_ISREG(status.st_mode) || !hasName)) {
+    const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
     if (!file) fail("write", quoted(path), errno);
     const std::string name = quoted(path);
     return produce(sinkTo(file, name));

@@ -25,8 +25,10 @@ inline constexpr std::string_view standardInput = "-";
 std::string read(const std::string& path);
 
 /// Replaces the file, or creates it, in one step: whoever reads it sees the old bytes or the new
-/// ones, and a failure or an interruption leaves the old file and nothing else. Links are followed;
-/// what is no regular file (a terminal, a pipe) is written to directly. Throws FileError.
+/// ones, and a failure leaves the old file and nothing else. So does a process that is killed,
+/// unless that happens in the moment between naming the new file and renaming it. Links are
+/// followed; what is no regular file (a terminal, a pipe) is written to directly. The bytes are not
+/// forced onto the disk. Throws FileError.
 void replace(const std::string& path, std::string_view bytes);
 
 /// Takes bytes for a file. Throws FileError.

@@ -19,6 +19,8 @@ namespace {
 // The most rules that WebKit's store accepts in one document.
 constexpr std::size_t webKitRuleLimit = 150000;
 
+constexpr std::string_view standardOutput = "-";
+
 struct CompiledList {
   std::string name;
   ListStats stats;
@@ -130,17 +132,25 @@ std::string makeReport(const std::vector<CompiledList>& lists, const ParseOutput
 
 int CompileCommand::run() const {
   const auto start = std::chrono::steady_clock::now();
+  const bool toStandardOutput = output.empty() || output == standardOutput;
+  if (toStandardOutput && report == standardOutput) {
+    throw Files::FileError("Standard output (-) can take only one of the document and the report.");
+  }
   const FilterLists inputs(lists);
   const ParseOutput compiled = FilterCompiler::parse(inputs.inputs());
   const std::vector<CompiledList> perList = countPerList(inputs, compiled);
-  if (!report.empty()) Files::replace(report, makeReport(perList, compiled));
   const auto writeDocument = [&compiled](const Files::Sink& sink) {
     RuleDocument::encode(compiled.rules, sink);
   };
-  if (output.empty()) {
+  if (toStandardOutput) {
     writeDocument(writeOutput);
   } else {
     Files::replace(output, writeDocument);
+  }
+  if (report == standardOutput) {
+    writeOutput(makeReport(perList, compiled));
+  } else if (!report.empty()) {
+    Files::replace(report, makeReport(perList, compiled));
   }
   printTable(perList, compiled, std::chrono::steady_clock::now() - start, !report.empty());
   return 0;

@@ -8,9 +8,9 @@ namespace tamsel::tamselc {
 /// `tamselc compile`: lists in, content-blocker document out.
 struct CompileCommand {
   std::vector<std::string> lists;
-  /// Where the document goes; standard output when empty.
+  /// Where the document goes; standard output when empty or "-".
   std::string output;
-  /// Where the report goes; none when empty.
+  /// Where the report goes, "-" for standard output; none when empty.
   std::string report;
 
   /// Returns the exit code. Throws Files::FileError.

@@ -12,8 +12,34 @@ namespace {
 constexpr int failureCode = 2;
 
 int fail(const std::string& message) {
-  tamsel::tamselc::writeMessage("tamselc: " + message + "\n");
+  using namespace tamsel::tamselc;
+  writeMessage("tamselc: " + printable(message) + "\n");
   return failureCode;
+}
+
+// CLI11 reads an argument in brackets as a list of values. A mark in front of it, which is taken
+// off again by `named`, makes it a file name like any other.
+constexpr char bracketMark = '\x01';
+
+std::vector<std::string> marked(int argc, char** argv) {
+  std::vector<std::string> arguments;
+  for (int i = argc - 1; i > 0; --i) {  // the last first, as CLI11 wants them
+    std::string argument = argv[i];
+    if (argument.starts_with('[')) argument.insert(0, 1, bracketMark);
+    arguments.push_back(std::move(argument));
+  }
+  return arguments;
+}
+
+// Takes the mark off a value, and refuses an empty one: an unset variable in somebody's script is
+// not to be taken for a wish.
+CLI::Validator named() {
+  return CLI::Validator(
+      [](std::string& value) {
+        if (value.starts_with(bracketMark)) value.erase(0, 1);
+        return value.empty() ? std::string("the value is empty") : std::string();
+      },
+      "");
 }
 
 int run(int argc, char** argv) {
@@ -31,12 +57,16 @@ int run(int argc, char** argv) {
       "them on standard error");
   const std::string listsHelp =
       "Filter lists, - for standard input; the built-in starter list when none is given";
-  compileApp->add_option("LIST", compile.lists, listsHelp)->type_name("");
-  compileApp->add_option("-o,--output", compile.output, "Write the document here, in one step")
+  compileApp->add_option("LIST", compile.lists, listsHelp)->transform(named())->type_name("");
+  compileApp
+      ->add_option("-o,--output", compile.output,
+                   "Write the document here, in one step; - for standard output")
+      ->transform(named())
       ->type_name("FILE");
   compileApp
       ->add_option("--report", compile.report,
                    "Write counts and every skipped line with its reason here, as JSON")
+      ->transform(named())
       ->type_name("FILE");
 
   MatchCommand match;
@@ -44,32 +74,38 @@ int run(int argc, char** argv) {
       "match",
       "Tell which rule blocks a request and which exception allows it; exit code 0 when "
       "it is allowed, 1 when it is blocked");
-  matchApp->add_option("LIST", match.lists, listsHelp)->type_name("");
-  CLI::Option* url =
-      matchApp->add_option("--url", match.url, "The URL of the request")->type_name("URL");
+  matchApp->add_option("LIST", match.lists, listsHelp)->transform(named())->type_name("");
+  CLI::Option* url = matchApp->add_option("--url", match.url, "The URL of the request")
+                         ->transform(named())
+                         ->type_name("URL");
   CLI::Option* page =
       matchApp->add_option("--page", match.page, "The URL of the page that makes the request")
+          ->transform(named())
           ->type_name("URL");
   CLI::Option* type =
       matchApp
           ->add_option("--type", match.type,
                        "What is requested: document, image, svg-document, script, style-sheet, "
                        "font, media, raw or popup; image when not given")
+          ->transform(named())
           ->type_name("TYPE");
   CLI::Option* requests =
       matchApp
           ->add_option("--requests", match.requests,
                        "Answer every line of this file (- for standard input): a URL, a page URL "
                        "or nothing, and a type, separated by tabs")
+          ->transform(named())
           ->type_name("FILE");
   requests->excludes(url)->excludes(page)->excludes(type);
 
   try {
-    app.parse(argc, argv);
+    app.parse(marked(argc, argv));
   } catch (const CLI::Success& success) {
     return app.exit(success);
   } catch (const CLI::ParseError& error) {
-    return fail(std::string(error.what()) + " (tamselc --help tells more.)");
+    std::string message = error.what();
+    if (!message.ends_with('.')) message += '.';
+    return fail(message + " tamselc --help tells more.");
   }
   if (*compileApp) return compile.run();
   if (!match.url && !match.requests) {
