@@ -3,6 +3,8 @@ add_library(tamsel_settings INTERFACE)
 target_compile_options(tamsel_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
   -Woverloaded-virtual -Wnull-dereference -Wimplicit-fallthrough -Wcast-align
+  # GCC 12 sees overlaps in std::string where there are none.
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
   $<$<BOOL:${TAMSEL_WARNINGS_AS_ERRORS}>:-Werror>)
 
 if(TAMSEL_SANITIZE)

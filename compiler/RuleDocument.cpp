@@ -347,6 +347,7 @@ void encode(std::span<const SourcedRule> rules,
 }
 
 std::vector<WKRule> decode(std::string_view document) {
+  if (document.empty()) throw DecodeError("The document is empty.");
   simdjson::dom::parser parser;
   simdjson::dom::element root;
   if (const auto error = parser.parse(document.data(), document.size()).get(root)) {

@@ -271,7 +271,7 @@ TEST_F(Tamselc, RefusesInOneSentenceAndChangesNothing) {
         // Former bugs.
         "compile 'no\x1B[2J\nsuch' #no?[2J?such", "compile '[list]' #[list]", "compile '[]' #[]"}},
       {fileLimit,
-       {"compile -o old #old", "compile -o new #new", "compile --report old #old",
+       {"compile -o old #old", "compile -o new #new", "compile -o /dev/null --report old #old",
         "compile #output"}},
       {noReader, {"compile #output", "match --url u #output", "match --requests - #output"}},
       {asNobody,
