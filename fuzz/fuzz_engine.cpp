@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (mayExplode(output)) return 0;
 
   const Engine engine{SourcedRules(output.rules)};
-  PlainScan plain(output.rules);
+  test::PlainScan plain(output.rules);
   for (std::string_view type : {"image", "script", "document"}) {
     for (const auto& from :
          {std::optional<std::string_view>(page), std::optional<std::string_view>()}) {
