@@ -22,6 +22,7 @@ struct Uuid {
   /// The 36-character form with upper-case hexadecimal digits.
   std::string string() const;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 takes the generated 0 for a pointer
   auto operator<=>(const Uuid&) const = default;
 };
 

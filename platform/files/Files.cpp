@@ -79,7 +79,7 @@ std::string resolved(std::string path) {
     const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
     if (length < 0) return path;
     target.resize(static_cast<std::size_t>(length));
-    path = target.starts_with('/') ? target : folderOf(path) + "/" + target;
+    path = target.starts_with('/') ? target : folderOf(path).append("/").append(target);
   }
   fail("write", quoted(path), ELOOP);
 }
@@ -99,7 +99,7 @@ Sink sinkTo(const Descriptor& file, const std::string& name) {
 std::string writeBeside(const std::string& path, const std::function<void(const Sink&)>& produce,
                         const mode_t* mode) {
   const std::string name = quoted(path);
-  const std::string temporary = temporaryName(path);
+  std::string temporary = temporaryName(path);
   constexpr mode_t allButUmask = 0666;
   const Descriptor nameless(
       ::open(folderOf(path).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, allButUmask));
