@@ -7,11 +7,6 @@ target_compile_options(tamsel_settings INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
   $<$<BOOL:${TAMSEL_WARNINGS_AS_ERRORS}>:-Werror>)
 
-if(NOT TAMSEL_SANITIZE)
-  # Sanitizers add paths on which this one sees what cannot happen.
-  target_compile_options(tamsel_settings INTERFACE -Wnull-dereference)
-endif()
-
 if(TAMSEL_SANITIZE)
   add_compile_options(-fsanitize=${TAMSEL_SANITIZE} -fno-omit-frame-pointer
     -fno-sanitize-recover=all)

@@ -6,6 +6,12 @@ namespace tamsel::FilterCompiler {
 namespace {
 constexpr std::size_t initialSlots = 1024;
 constexpr std::size_t growthFactor = 4;
+
+// More than two thirds of the slots in use: searches get long.
+constexpr bool isCrowded(std::size_t rules, std::size_t slots) {
+  return rules * 3 > slots * 2;
+}
+
 }  // namespace
 
 RuleSet::RuleSet() : slots_(initialSlots) {}
@@ -13,7 +19,7 @@ RuleSet::RuleSet() : slots_(initialSlots) {}
 void RuleSet::reserve(std::size_t count) {
   rules_.reserve(count);
   std::size_t slots = slots_.size();
-  while (slots < count * 2) slots *= 2;
+  while (isCrowded(count, slots)) slots *= 2;
   if (slots != slots_.size()) resize(slots);
 }
 
@@ -26,7 +32,7 @@ void RuleSet::add(SourcedRule&& rule, std::uint64_t hash) {
   }
   slots_[slot] = {tag, static_cast<std::uint32_t>(rules_.size())};
   rules_.push_back(std::move(rule));
-  if (rules_.size() * 2 > slots_.size()) resize(slots_.size() * growthFactor);
+  if (isCrowded(rules_.size(), slots_.size())) resize(slots_.size() * growthFactor);
 }
 
 void RuleSet::resize(std::size_t slots) {

@@ -39,7 +39,7 @@ class RuleSet {
   std::size_t slotOf(std::uint32_t tag) const noexcept { return tag & (slots_.size() - 1); }
   void resize(std::size_t slots);
 
-  LargeVector<Slot> slots_;  // a power of two of them, at most half in use
+  LargeVector<Slot> slots_;  // a power of two of them, at most two thirds in use
   SourcedRules rules_;
 };
 
