@@ -100,12 +100,12 @@ Engine::Verdict Engine::evaluate(std::string_view url, std::optional<std::string
   return verdict;
 }
 
-std::size_t Engine::blockCount() const noexcept {
-  return state_->blocks.ruleCount();
+std::span<const SourcedRule> Engine::blocks() const noexcept {
+  return state_->blocks.rules();
 }
 
-std::size_t Engine::exceptionCount() const noexcept {
-  return state_->exceptions.ruleCount();
+std::span<const SourcedRule> Engine::exceptions() const noexcept {
+  return state_->exceptions.rules();
 }
 
 }  // namespace tamsel

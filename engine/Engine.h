@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -38,8 +39,9 @@ class Engine {
   Verdict evaluate(std::string_view url, std::optional<std::string_view> pageURL,
                    std::string_view type) const;
 
-  std::size_t blockCount() const noexcept;
-  std::size_t exceptionCount() const noexcept;
+  /// The block rules and the exceptions, each in the order given; they live as long as the engine.
+  std::span<const SourcedRule> blocks() const noexcept;
+  std::span<const SourcedRule> exceptions() const noexcept;
 
  private:
   struct State;

@@ -73,9 +73,6 @@ class PatternIndex {
     }
   }
 
-  /// How many patterns are candidates for every URL.
-  std::size_t unfiledCount() const noexcept { return unfiled_.size(); }
-
  private:
   using Pattern = std::uint32_t;
   using Gram = std::uint32_t;  // four characters as they stand in memory

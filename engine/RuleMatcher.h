@@ -41,7 +41,7 @@ class RuleMatcher {
   /// The first rule, in the order given, that the request matches; null when none does.
   const SourcedRule* firstMatch(MatchRequest& request) const;
 
-  std::size_t ruleCount() const noexcept { return rules_.size(); }
+  std::span<const SourcedRule> rules() const noexcept { return rules_; }
 
  private:
   using TypeSet = std::uint16_t;  // a bit for each of resourceTypeNames, and one for other names

@@ -150,8 +150,8 @@ TEST(Engine, FindsTheFirstRules) {
     EXPECT_EQ(Pair(rules).verdict(request), expected) << testing::PrintToString(request.url);
   }
   const Engine engine(compile("ad\n##ad\n@@ad$image\nb$font"));
-  EXPECT_EQ(engine.blockCount(), 3);
-  EXPECT_EQ(engine.exceptionCount(), 1);
+  EXPECT_EQ(engine.blocks().size(), 3);
+  EXPECT_EQ(engine.exceptions().size(), 1);
 }
 
 TEST(Engine, FindsTheHostOfAnUrl) {
