@@ -1,8 +1,10 @@
 #include "engine/Site.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "compiler/Unicode.h"
 
@@ -21,14 +23,6 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 10> twoPartS
      {"co", "in"},
      {"com", "cn"}}};
 
-// The labels of a host's key from the last to the first; a host of dots has none.
-struct KeyLabels {
-  std::array<std::string_view, 3> labels;
-  std::size_t count = 0;
-
-  bool operator==(const KeyLabels&) const = default;
-};
-
 // Takes the last label off the host, passing over empty ones.
 std::optional<std::string_view> takeLastLabel(std::string_view& host) noexcept {
   std::size_t end = host.size();
@@ -43,40 +37,39 @@ std::optional<std::string_view> takeLastLabel(std::string_view& host) noexcept {
   return label;
 }
 
-KeyLabels keyLabels(std::string_view host) noexcept {
-  KeyLabels key;
-  while (key.count < 2) {
-    const auto label = takeLastLabel(host);
-    if (!label) return key;
-    key.labels[key.count++] = *label;
-  }
-  const auto isSuffix = [&key](const auto& suffix) {
-    return suffix.second == key.labels[0] && suffix.first == key.labels[1];
-  };
-  // None of the suffixes has a longer part, which spares most hosts the search.
+bool isTwoPartSuffix(std::string_view first, std::string_view second) noexcept {
+  // No part is longer, which spares most hosts the search.
   constexpr std::size_t longestPart = 3;
-  if (key.labels[0].size() <= longestPart && key.labels[1].size() <= longestPart &&
-      std::any_of(twoPartSuffixes.begin(), twoPartSuffixes.end(), isSuffix)) {
-    if (const auto label = takeLastLabel(host)) key.labels[key.count++] = *label;
-  }
-  return key;
+  if (first.size() > longestPart || second.size() > longestPart) return false;
+  return std::find(twoPartSuffixes.begin(), twoPartSuffixes.end(), std::pair(first, second)) !=
+         twoPartSuffixes.end();
 }
 
 }  // namespace
 
 std::string key(std::string_view host) {
   const std::string lower = Unicode::lowercased(host);
-  const KeyLabels labels = keyLabels(lower);
-  std::string text;
-  for (std::size_t i = labels.count; i-- > 0;) {
-    text += labels.labels[i];
-    if (i != 0) text += '.';
-  }
+  std::string_view rest = lower;
+  const auto last = takeLastLabel(rest);
+  if (!last) return {};
+  std::string text(*last);
+  const auto prepend = [&text](std::string_view label) { text.insert(0, ".").insert(0, label); };
+  const auto second = takeLastLabel(rest);
+  if (!second) return text;
+  prepend(*second);
+  if (!isTwoPartSuffix(*second, *last)) return text;
+  if (const auto third = takeLastLabel(rest)) prepend(*third);
   return text;
 }
 
 bool isSame(std::string_view lowerCaseHost, std::string_view otherLowerCaseHost) noexcept {
-  return keyLabels(lowerCaseHost) == keyLabels(otherLowerCaseHost);
+  // Label by label from the end, as far as the keys go; most hosts differ in the first already.
+  const auto last = takeLastLabel(lowerCaseHost);
+  if (last != takeLastLabel(otherLowerCaseHost)) return false;
+  const auto second = takeLastLabel(lowerCaseHost);
+  if (second != takeLastLabel(otherLowerCaseHost)) return false;
+  if (!last || !second || !isTwoPartSuffix(*second, *last)) return true;
+  return takeLastLabel(lowerCaseHost) == takeLastLabel(otherLowerCaseHost);
 }
 
 }  // namespace tamsel::Site

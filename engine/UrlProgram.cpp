@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 #include "compiler/Unicode.h"
 #include "compiler/UrlPattern.h"

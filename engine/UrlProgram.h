@@ -2,8 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -18,7 +16,6 @@ namespace tamsel {
 ///
 ///     ^[^:]+:(//)?([^/]+\.)?ads\.example[^a-zA-Z0-9_.%-].*\.js$
 ///         an anchor at a host start, "ads.example", separator, wildcard, ".js", the end
-///     ad[0-9]+    no program: a class other than the separator's
 ///
 /// A program says what an expression matches in URLs of printable ASCII only. Elsewhere one
 /// character can fold to several, and "." does not match a line break.

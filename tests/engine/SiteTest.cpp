@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "compiler/Unicode.h"
 #include "engine/Site.h"
 #include "tests/support/ExactCopy.h"
 
@@ -34,6 +35,11 @@ TEST(Site, ReducesHostsToTheirSite) {
   }
   for (const auto& [host, key] : cases) {
     EXPECT_EQ(Site::key(test::ExactCopy(host)), key) << testing::PrintToString(host);
+    const std::string lower = Unicode::lowercased(host);
+    for (const auto& [other, otherKey] : cases) {
+      EXPECT_EQ(Site::isSame(test::ExactCopy(lower), Unicode::lowercased(other)), key == otherKey)
+          << testing::PrintToString(host) << testing::PrintToString(other);
+    }
   }
 }
 
