@@ -17,7 +17,7 @@ constexpr bool isCrowded(std::size_t rules, std::size_t slots) {
 RuleSet::RuleSet() : slots_(initialSlots) {}
 
 void RuleSet::reserve(std::size_t count) {
-  rules_.reserve(count);
+  rules_.reserve(count + count / 4);  // room that is not used costs nothing
   std::size_t slots = slots_.size();
   while (isCrowded(count, slots)) slots *= 2;
   if (slots != slots_.size()) resize(slots);
