@@ -1,0 +1,412 @@
+#include "platform/dialect/ContentBlockerDialect.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+namespace tamsel::ContentBlockerDialect {
+namespace {
+
+using Reason = std::optional<std::string_view>;
+
+// A set of ASCII characters.
+struct CharacterSet {
+  std::uint64_t low = 0;   // codes below 64
+  std::uint64_t high = 0;  // codes from 64 on
+
+  static CharacterSet all() { return {~std::uint64_t{0}, ~std::uint64_t{0}}; }
+  static CharacterSet range(std::uint32_t first, std::uint32_t last) {
+    CharacterSet set;
+    if (first < 64) set.low = bits(first, std::min(last, 63U));
+    if (last >= 64) set.high = bits(std::max(first, 64U) - 64, last - 64);
+    return set;
+  }
+  CharacterSet operator|(CharacterSet other) const { return {low | other.low, high | other.high}; }
+  CharacterSet operator~() const { return {~low, ~high}; }
+  bool overlaps(CharacterSet other) const { return ((low & other.low) | (high & other.high)) != 0; }
+  bool operator==(const CharacterSet&) const = default;
+
+ private:
+  static std::uint64_t bits(std::uint32_t first, std::uint32_t last) {
+    return ~std::uint64_t{0} >> (63 - (last - first)) << first;
+  }
+};
+
+// WebKit's own words, as far as it has any.
+constexpr std::string_view emptyExpression = "The expression is empty.";
+constexpr std::string_view asciiOnly = "Only ASCII characters are supported in pattern.";
+constexpr std::string_view characterClass = "Character class is not supported.";
+constexpr std::string_view classAtom = "Builtins character class atoms are not supported yet.";
+constexpr std::string_view wordBoundary = "Word boundaries assertions are not supported yet.";
+constexpr std::string_view group = "Groups are not supported yet.";
+constexpr std::string_view disjunction = "Disjunctions are not supported yet.";
+constexpr std::string_view repetition = "Arbitrary atom repetitions are not supported.";
+constexpr std::string_view backReference = "Patterns cannot contain backreferences.";
+constexpr std::string_view startOfLine =
+    "Start of line assertion can only appear as the first term in a filter.";
+constexpr std::string_view endOfLine =
+    "The end of line assertion must be the last term in an expression.";
+constexpr std::string_view syntaxError = "The expression is not well formed.";
+constexpr std::string_view tooLong = "The expression is too long.";
+constexpr std::string_view tooDeep = "The groups are nested too deep.";
+constexpr std::string_view tooManyOverlaps =
+    "Too many wide classes overlap with the beginning of the expression.";
+constexpr std::string_view nul = "The expression has a NUL character.";
+constexpr std::string_view ambiguous =
+    "The expression has an escape or a name without a clear meaning.";
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+bool isLetter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+int hexValue(char c) {
+  if (isDigit(c)) return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Reads an expression from its first term to its last. `i_` is what is read next.
+class ExpressionReader {
+ public:
+  explicit ExpressionReader(std::string_view text) : text_(text) {}
+
+  Reason read() {
+    if (text_.empty()) return emptyExpression;
+    if (text_.size() > maxExpressionLength) return tooLong;
+    unsigned char seen = 0;
+    for (char c : text_) seen |= static_cast<unsigned char>(c);
+    if (seen >= 0x80) return asciiOnly;
+    if (text_.find('\0') != std::string_view::npos) return nul;
+    while (peek() == '^') {
+      beginsAnywhere_ = false;
+      ++i_;
+    }
+    while (i_ < text_.size()) {
+      if (const Reason reason = readTerm()) return reason;
+    }
+    if (depth_ != 0) return syntaxError;
+    if (namedGroups_ > 1 || (namedGroups_ != 0 && namedReference_)) return ambiguous;
+    return std::nullopt;
+  }
+
+ private:
+  // What stands at `i_` plus `ahead`; NUL, which no expression has, beyond the end.
+  char peek(std::size_t ahead = 0) const {
+    return i_ + ahead < text_.size() ? text_[i_ + ahead] : '\0';
+  }
+
+  Reason readTerm() {
+    const char c = text_[i_++];
+    switch (c) {
+      case '$':
+        return depth_ == 0 && i_ == text_.size() ? Reason() : endOfLine;
+      case '^':
+        return startOfLine;
+      case '|':
+        return disjunction;
+      case '(':
+        return openGroup();
+      case ')':
+        if (depth_ == 0) return syntaxError;
+        --depth_;
+        quantifiable_ = true;
+        return std::nullopt;
+      case '*':
+      case '+':
+      case '?':
+        return quantified(c != '?');
+      case '{':
+        return readBrace();
+      case '[':
+        return readClass();
+      case '.':
+        return wide(CharacterSet::all());
+      case '\\':
+        return readEscape();
+      default:
+        return single(static_cast<std::uint32_t>(c));
+    }
+  }
+
+  // The automaton of an expression that can begin anywhere has to remember every place where it may
+  // have begun. As long as what follows cannot be the beginning too, there is one such place; each
+  // wide class that can be both doubles what there is to remember.
+  Reason wide(const CharacterSet& set) {
+    quantifiable_ = true;
+    if (!beginsAnywhere_) return std::nullopt;
+    if (!hasBeginning_) {
+      begin(set);
+    } else if (set != beginning_ && set.overlaps(beginning_) && ++overlaps_ > maxOverlaps) {
+      return tooManyOverlaps;
+    }
+    return std::nullopt;
+  }
+
+  Reason single(std::uint32_t code) {
+    quantifiable_ = true;
+    if (beginsAnywhere_ && !hasBeginning_) begin(CharacterSet::range(code, code));
+    return std::nullopt;
+  }
+
+  void begin(const CharacterSet& set) {
+    hasBeginning_ = true;
+    beginning_ = set;
+    overlaps_ = 0;
+  }
+
+  // A quantifier has been read up to a "?" that makes it lazy, which is of no consequence.
+  Reason quantified(bool isLoop) {
+    if (!quantifiable_) return syntaxError;
+    quantifiable_ = false;
+    if (peek() == '?') ++i_;
+    if (isLoop) {
+      // From here on the rest may begin anywhere.
+      beginsAnywhere_ = true;
+      hasBeginning_ = false;
+    }
+    return std::nullopt;
+  }
+
+  Reason openGroup() {
+    if (++depth_ > maxNesting) return tooDeep;
+    quantifiable_ = false;
+    if (peek() != '?') return std::nullopt;
+    const char kind = peek(1);
+    if (kind == ':') {
+      i_ += 2;
+      return std::nullopt;
+    }
+    if (kind != '<' || peek(2) == '=' || peek(2) == '!') {
+      const bool known = kind == '=' || kind == '!' || kind == '<' || isLetter(kind) || kind == '-';
+      return known ? group : syntaxError;
+    }
+    i_ += 2;
+    return readGroupName();
+  }
+
+  Reason readGroupName() {
+    const auto isName = [](char c) { return isLetter(c) || c == '_'; };
+    if (!isName(peek())) return syntaxError;
+    while (isName(peek()) || isDigit(peek())) ++i_;
+    if (peek() != '>') return syntaxError;
+    ++i_;
+    ++namedGroups_;
+    return std::nullopt;
+  }
+
+  // "{" begins a count, or is a character when no complete count follows.
+  Reason readBrace() {
+    std::size_t end = i_;
+    const auto skipDigits = [&] {
+      const std::size_t begin = end;
+      while (end < text_.size() && isDigit(text_[end])) ++end;
+      return end - begin;
+    };
+    const bool hasLeast = skipDigits() != 0;
+    if (hasLeast && end < text_.size() && text_[end] == ',') {
+      ++end;
+      skipDigits();
+    }
+    if (!hasLeast || end == text_.size() || text_[end] != '}') {
+      return single('{');
+    }
+    const std::string_view count = text_.substr(i_, end - i_);
+    i_ = end + 1;
+    if (!quantifiable_) return syntaxError;
+    if (count != "0,1" && count != "0," && count != "1,") return repetition;
+    return quantified(count != "0,1");
+  }
+
+  Reason readEscape() {
+    if (i_ == text_.size()) return syntaxError;
+    const char c = text_[i_];
+    switch (c) {
+      case 'd':
+      case 'D':
+      case 'w':
+      case 'W':
+      case 's':
+      case 'S':
+        return characterClass;
+      case 'b':
+      case 'B':
+        return wordBoundary;
+      case 'k':
+        namedReference_ = true;
+        if (text_.find("(?<") != std::string_view::npos && peek(1) == '<') return backReference;
+        break;
+      default:
+        break;
+    }
+    std::uint32_t code = 0;
+    if (const Reason reason = readEscapedCharacter(code)) return reason;
+    return single(code);
+  }
+
+  // What stands behind a backslash, as a character code below 0x80.
+  Reason readEscapedCharacter(std::uint32_t& code) {
+    const char c = text_[i_++];
+    code = static_cast<std::uint32_t>(c);
+    switch (c) {
+      case 't':
+      case 'n':
+      case 'v':
+      case 'f':
+      case 'r':
+        code = static_cast<std::uint32_t>(
+            std::string_view("\t\n\v\f\r")[std::string_view("tnvfr").find(c)]);
+        return std::nullopt;
+      case 'x':
+        return readHexadecimal(2, code);
+      case 'u':
+        return readHexadecimal(4, code);
+      case 'c':
+        if (!isLetter(peek())) return ambiguous;
+        code = static_cast<std::uint32_t>(text_[i_++]) % 32;
+        return std::nullopt;
+      default:
+        break;
+    }
+    if (c < '0' || c > '7') return std::nullopt;
+    // An octal character of up to three digits and up to 0377, whatever groups there are.
+    code = static_cast<std::uint32_t>(c - '0');
+    for (int digits = 1; digits < 3 && peek() >= '0' && peek() <= '7'; ++digits) {
+      const std::uint32_t longer = code * 8 + static_cast<std::uint32_t>(peek() - '0');
+      if (longer > 0377) break;
+      code = longer;
+      ++i_;
+    }
+    return checkCode(code);
+  }
+
+  Reason readHexadecimal(std::size_t digits, std::uint32_t& code) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < digits; ++i) {
+      const int digit = hexValue(peek(i));
+      if (digit < 0) return std::nullopt;  // just the letter then
+      value = value * 16 + static_cast<std::uint32_t>(digit);
+    }
+    i_ += digits;
+    code = value;
+    return checkCode(value);
+  }
+
+  static Reason checkCode(std::uint32_t code) {
+    if (code == 0) return nul;
+    if (code >= 0x80) return asciiOnly;
+    return std::nullopt;
+  }
+
+  Reason readClass() {
+    CharacterSet set;
+    const bool negated = peek() == '^';
+    if (negated) ++i_;
+    while (true) {
+      if (i_ == text_.size()) return syntaxError;
+      if (peek() == ']') break;
+      std::uint32_t low = 0;
+      if (const Reason reason = readClassCharacter(low)) return reason;
+      std::uint32_t high = low;
+      if (peek() == '-' && peek(1) != ']' && i_ + 1 < text_.size()) {
+        ++i_;
+        if (const Reason reason = readClassCharacter(high)) return reason;
+      }
+      if (high < low) return syntaxError;
+      set = set | CharacterSet::range(low, high);
+    }
+    ++i_;
+    return wide(negated ? ~set : set);
+  }
+
+  Reason readClassCharacter(std::uint32_t& code) {
+    const char c = text_[i_++];
+    code = static_cast<std::uint32_t>(c);
+    if (c != '\\') return std::nullopt;
+    if (i_ == text_.size()) return syntaxError;
+    if (std::string_view("dDwWsS").find(peek()) != std::string_view::npos) return classAtom;
+    if (peek() == 'k') namedReference_ = true;
+    if (peek() == 'b') {
+      ++i_;
+      code = '\b';
+      return std::nullopt;
+    }
+    return readEscapedCharacter(code);
+  }
+
+  std::string_view text_;
+  std::size_t i_ = 0;
+  std::size_t depth_ = 0;
+  bool quantifiable_ = false;  // what stands before `i_` may be repeated
+  std::size_t namedGroups_ = 0;
+  bool namedReference_ = false;
+
+  bool beginsAnywhere_ = true;  // no anchor, or something before `i_` repeats without end
+  bool hasBeginning_ = false;   // of the piece since the start or the last loop
+  CharacterSet beginning_;
+  std::size_t overlaps_ = 0;
+};
+
+constexpr std::string_view openQuotation = "The selector has a quotation without an end.";
+constexpr std::string_view openComment = "The selector has a comment without an end.";
+constexpr std::string_view openBracket = "The selector has a bracket without an end.";
+constexpr std::string_view trailingBackslash = "The selector ends with a backslash.";
+constexpr std::string_view deepSelector = "The selector is nested too deep.";
+constexpr std::string_view longSelector = "The selector has too many compounds.";
+
+bool isBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
+}
+
+char closingOf(char c) {
+  return c == '(' ? ')' : c == '[' ? ']' : c == '{' ? '}' : '\0';
+}
+
+}  // namespace
+
+std::optional<std::string_view> refusalOfExpression(std::string_view expression) noexcept {
+  return ExpressionReader(expression).read();
+}
+
+std::optional<std::string_view> refusalOfSelector(std::string_view selector) noexcept {
+  std::array<char, maxNesting> expected{};  // the closing brackets, from the outermost
+  std::size_t depth = 0;
+  std::size_t compounds = 1;
+  char quote = '\0';
+  for (std::size_t i = 0; i < selector.size(); ++i) {
+    const char c = selector[i];
+    if (c == '\\') {
+      if (++i == selector.size()) return trailingBackslash;
+      continue;
+    }
+    if (quote != '\0') {
+      if (c == quote) quote = '\0';
+      if (c == '\n' || c == '\r' || c == '\f') return openQuotation;
+      continue;
+    }
+    if (c == '"' || c == '\'') {
+      quote = c;
+    } else if (c == '/' && i + 1 < selector.size() && selector[i + 1] == '*') {
+      const std::size_t end = selector.find("*/", i + 2);
+      if (end == std::string_view::npos) return openComment;
+      i = end + 1;
+    } else if (closingOf(c) != '\0') {
+      if (depth == expected.size()) return deepSelector;
+      expected[depth++] = closingOf(c);
+    } else if (depth != 0 && c == expected[depth - 1]) {
+      --depth;  // any other closing bracket is a character like others in there
+    } else if (c == ',') {
+      compounds = 1;
+    } else if ((isBlank(c) || c == '>' || c == '+' || c == '~') && ++compounds > maxCompounds) {
+      return longSelector;
+    }
+  }
+  if (quote != '\0') return openQuotation;
+  if (depth != 0) return openBracket;
+  return std::nullopt;
+}
+
+}  // namespace tamsel::ContentBlockerDialect

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+/// What WebKit's content-blocker compiler takes, told without asking it. The compiler names no rule
+/// when it refuses a document, and there is text that it does not survive, so everything is held
+/// against this first.
+///
+/// Both functions read their text once, without recursion and without allocating, and return the
+/// reason of a refusal in words or nothing. They never accept what WebKit refuses; they refuse
+/// beyond WebKit what makes it abort, overflow its stack or run for minutes, and what it takes for
+/// something else than it says:
+///   - expressions longer than `maxExpressionLength` or nested deeper than `maxNesting`;
+///   - expressions whose wide classes overlap with their own beginning more than `maxOverlaps`
+///     times, as "a" followed by 18 dots: the automaton doubles with each;
+///   - NUL in an expression, which WebKit takes for the end of the URL;
+///   - more than one named group, "\k" beside a named group, "\c" without a letter, and counts with
+///     superfluous digits such as {00,1};
+///   - selectors that are not closed, which WebKit accepts and lets disable other rules;
+///   - selectors nested deeper than `maxNesting` or of more than `maxCompounds` compounds.
+namespace tamsel::ContentBlockerDialect {
+
+inline constexpr std::size_t maxExpressionLength = 2048;
+inline constexpr std::size_t maxNesting = 100;
+inline constexpr std::size_t maxOverlaps = 10;
+inline constexpr std::size_t maxCompounds = 10000;
+
+/// Why "url-filter" (or a condition that takes the same syntax) cannot have this value.
+///
+///     ^[^:]+://ads\.example/.*\.js$    nothing
+///     ads|banner                       "Disjunctions are not supported yet."
+std::optional<std::string_view> refusalOfExpression(std::string_view expression) noexcept;
+
+/// Why "selector" cannot have this value. A selector that WebKit does not know, which it passes
+/// over together with its rule, is not refused.
+///
+///     div[title="]"] > .ad    nothing
+///     div[title="             "The selector has a quotation without an end."
+std::optional<std::string_view> refusalOfSelector(std::string_view selector) noexcept;
+
+}  // namespace tamsel::ContentBlockerDialect

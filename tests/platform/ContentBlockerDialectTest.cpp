@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/dialect/ContentBlockerDialect.h"
+#include "tests/support/ExactCopy.h"
+
+namespace tamsel {
+namespace {
+
+using namespace std::string_literals;
+using test::ExactCopy;
+
+std::string repeated(std::size_t count, const std::string& text) {
+  std::string result;
+  for (std::size_t i = 0; i < count; ++i) result += text;
+  return result;
+}
+
+std::string refusal(const std::string& expression) {
+  return std::string(
+      ContentBlockerDialect::refusalOfExpression(ExactCopy(expression)).value_or(""));
+}
+
+std::string selectorRefusal(const std::string& selector) {
+  return std::string(ContentBlockerDialect::refusalOfSelector(ExactCopy(selector)).value_or(""));
+}
+
+TEST(ContentBlockerDialect, TakesWhatWebKitTakes) {
+  const std::vector<std::string> accepted = {
+      // What filters become.
+      R"(^[^:]+:(//)?([^/]+\.)?ads\.example[^a-zA-Z0-9_.%-].*\.js$)", ".*", R"(/banner[0-9]+\.gif)",
+      // Anchors.
+      "^", "$", "^$", "^^a", "^.*$", "(a)$", "[a]$", "a()$", "a*$",
+      // Groups and repetitions.
+      "()", "(a)*", "(?:ab)+", "(?<name>a)?", "((a))", "a*?", "a+?", "a??", "a{0,1}", "a{0,}",
+      "a{1,}?",
+      // Braces that are no counts, brackets that close nothing.
+      "{", "{}", "{,3}", "{x}", "a{2", "a{ 2}", "]", "}",
+      // Escapes, also those that mean a plain letter here.
+      R"(\.\/\-\_\?\*\[\]\{\}\^\$\|\\\ )", R"(\a\e\p{L}\Z)", R"(\t\n\r\f\v)",
+      R"(\x41\u0041\cA\101\8)", R"(\xzz\u004)", R"(\k)", R"((a)\1)",
+      // Classes.
+      "[]", "[^]", "[]b]", "[a-]", "[-a]", "[.$|(]", R"([\]\-\\])", R"([\b\B])", "[[:alpha:]]",
+      R"([\x20-\x7e])", "[^a-z]*",
+      // Wide classes that cannot explode: an anchor, or no overlap with the beginning.
+      "^http://x/a" + repeated(18, "."), "/" + repeated(64, "[a-f0-9]") + R"(\.js)",
+      repeated(20, "."),
+      // As much as is taken.
+      repeated(ContentBlockerDialect::maxNesting, "(") + "a" +
+          repeated(ContentBlockerDialect::maxNesting, ")"),
+      repeated(ContentBlockerDialect::maxExpressionLength, "a")};
+  for (const std::string& expression : accepted) {
+    EXPECT_EQ(refusal(expression), "") << expression.substr(0, 80);
+  }
+}
+
+TEST(ContentBlockerDialect, RefusesTheRestWithAReason) {
+  const std::string syntax = "The expression is not well formed.";
+  const std::string repetition = "Arbitrary atom repetitions are not supported.";
+  const std::string end = "The end of line assertion must be the last term in an expression.";
+  const std::string start =
+      "Start of line assertion can only appear as the first term in a filter.";
+  const std::string ascii = "Only ASCII characters are supported in pattern.";
+  const std::string overlap = "Too many wide classes overlap with the beginning of the expression.";
+  const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+      {"The expression is empty.", {""}},
+      {ascii,
+       {"\u00E9", "\xFF", R"(\xe9)", R"(\u00e9)", R"(\200)", R"([\xe9])", R"([a-\xff])",
+        R"([\x80-\x80])", R"([!-\u0100])", R"([^a-\377])"}},
+      {"The expression has a NUL character.",
+       {"a\0b"s, R"(\0)", R"(q\x00)", R"([\0a])", R"([\x00-\x7f])", R"(\u0000)"}},
+      {"Character class is not supported.", {R"(\d)", R"(a\W)", R"((\s)*)"}},
+      {"Builtins character class atoms are not supported yet.", {R"([\d])", R"([a-\w])"}},
+      {"Word boundaries assertions are not supported yet.", {R"(\bad)", R"(ad\B)"}},
+      {"Groups are not supported yet.", {"(?=a)", "(?!a)", "(?<=a)", "(?<!a)", "(?i:a)"}},
+      {"Disjunctions are not supported yet.", {"a|b", "|", "(a|b)", "a|"}},
+      {repetition, {"a{1}", "a{0}", "a{2,}", "(a){2,3}", "[a]{1,1}", R"(\u{41})", "a{00,1}"}},
+      {"Patterns cannot contain backreferences.", {R"((?<n>a)\k<n>)"}},
+      {start, {"a^b", "(^a)", "()^a", "a^"}},
+      {end, {"a$b", "a$$", "(a$)", "($)?", "a$*"}},
+      {syntax, {"a**",   "a?*",   "a*??", "*a",  "+",       "?a",    "(*a)",  "^*",
+                "{2}a",  "(",     ")",    "a)",  "(a",      "[",     "[a",    R"([\])",
+                "[z-a]", R"(a\)", "(?",   "(?<", "(?<1>a)", "(?>a)", "(?#a)", "a{3,2}{0,1}*"}},
+      {"The expression has an escape or a name without a clear meaning.",
+       {R"(\c1)", R"([\c])", "(?<a>b)(?<a>c)"}},
+      {"The groups are nested too deep.", {repeated(101, "(") + "a" + repeated(101, ")")}},
+      {"The expression is too long.", {repeated(2049, "a"), repeated(1 << 20, "(a")}},
+      {overlap,
+       {"a" + repeated(18, "."), "a" + repeated(16, "[a-z]"), "^http://.*a" + repeated(12, "."),
+        "x+ab" + repeated(11, "[^/]")}}};
+  for (const auto& [reason, expressions] : cases) {
+    for (const std::string& expression : expressions) {
+      if (reason == syntax) {  // any reason will do where several apply
+        EXPECT_NE(refusal(expression), "") << testing::PrintToString(expression);
+      } else {
+        EXPECT_EQ(refusal(expression), reason) << testing::PrintToString(expression.substr(0, 80));
+      }
+    }
+  }
+}
+
+TEST(ContentBlockerDialect, WantsSelectorsClosed) {
+  const std::string quotation = "The selector has a quotation without an end.";
+  const std::string bracket = "The selector has a bracket without an end.";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {".ad", ""},
+      {R"(div[title="]"] > a[href^='(']:not(.x, [y]))", ""},
+      {R"([a="\""], #\[x)", ""},
+      {".a/* [ */.b", ""},
+      // WebKit passes over selectors that it does not know; they harm no other.
+      {".x)", ""},
+      {":foo(.x)", ""},
+      {"[a=\"", quotation},
+      {"[a=\"x\ny\"]", quotation},
+      {"div[style*=x", bracket},
+      {":is(.x", bracket},
+      {":is([)", bracket},
+      {"[a=\"]", quotation},
+      {".x/*", "The selector has a comment without an end."},
+      {".x/*/", "The selector has a comment without an end."},
+      {".x\\", "The selector ends with a backslash."},
+      {"[a=\"\\\"", quotation},
+      {repeated(100, ":not(") + ".x" + repeated(100, ")"), ""},
+      {repeated(20000, ":not(") + ".x" + repeated(20000, ")"), "The selector is nested too deep."},
+      {repeated(1000000, "a "), "The selector has too many compounds."},
+      {repeated(100000, ".a,.b > .c,") + ".d", ""},
+  };
+  for (const auto& [selector, reason] : cases) {
+    EXPECT_EQ(selectorRefusal(selector), reason) << selector.substr(0, 80);
+  }
+}
+
+}  // namespace
+}  // namespace tamsel
