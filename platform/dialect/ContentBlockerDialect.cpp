@@ -237,7 +237,9 @@ class ExpressionReader {
         return wordBoundary;
       case 'k':
         namedReference_ = true;
-        if (text_.find("(?<") != std::string_view::npos && peek(1) == '<') return backReference;
+        if (peek(1) == '<') {
+          return text_.find("(?<") != std::string_view::npos ? backReference : ambiguous;
+        }
         break;
       default:
         break;

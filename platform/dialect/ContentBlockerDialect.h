@@ -16,7 +16,8 @@
 ///   - expressions whose wide classes overlap with their own beginning more than `maxOverlaps`
 ///     times, as "a" followed by 18 dots: the automaton doubles with each;
 ///   - NUL in an expression, which WebKit takes for the end of the URL;
-///   - more than one named group, "\k" beside a named group, "\c" without a letter, and counts with
+///   - more than one named group, "\k" beside one, "\k<" anywhere, "\c" without a letter, and
+///   counts with
 ///     superfluous digits such as {00,1};
 ///   - selectors that are not closed, which WebKit accepts and lets disable other rules;
 ///   - selectors nested deeper than `maxNesting` or of more than `maxCompounds` compounds.

@@ -84,7 +84,7 @@ TEST(ContentBlockerDialect, RefusesTheRestWithAReason) {
                 "{2}a",  "(",     ")",    "a)",  "(a",      "[",     "[a",    R"([\])",
                 "[z-a]", R"(a\)", "(?",   "(?<", "(?<1>a)", "(?>a)", "(?#a)", "a{3,2}{0,1}*"}},
       {"The expression has an escape or a name without a clear meaning.",
-       {R"(\c1)", R"([\c])", "(?<a>b)(?<a>c)"}},
+       {R"(\c1)", R"([\c])", "(?<a>b)(?<a>c)", R"(\k<a>)", R"(\k<)"}},
       {"The groups are nested too deep.", {repeated(101, "(") + "a" + repeated(101, ")")}},
       {"The expression is too long.", {repeated(2049, "a"), repeated(1 << 20, "(a")}},
       {overlap,
