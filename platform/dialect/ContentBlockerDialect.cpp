@@ -155,7 +155,6 @@ class ExpressionReader {
   void begin(const CharacterSet& set) {
     hasBeginning_ = true;
     beginning_ = set;
-    overlaps_ = 0;
   }
 
   // A quantifier has been read up to a "?" that makes it lazy, which is of no consequence.
@@ -349,7 +348,7 @@ class ExpressionReader {
   bool beginsAnywhere_ = true;  // no anchor, or something before `i_` repeats without end
   bool hasBeginning_ = false;   // of the piece since the start or the last loop
   CharacterSet beginning_;
-  std::size_t overlaps_ = 0;
+  std::size_t overlaps_ = 0;  // of all pieces: what each costs is multiplied
 };
 
 constexpr std::string_view openQuotation = "The selector has a quotation without an end.";
