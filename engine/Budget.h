@@ -8,8 +8,9 @@ namespace tamsel {
 /// about a nanosecond. What ordinary lists cost is counted too, but is a thousand times less.
 class Budget {
  public:
-  /// 20 ms: short enough not to be felt, long enough for any expression that anybody meant.
-  static constexpr std::int64_t whole = 20'000'000;
+  /// 10 ms: short enough not to be felt on a slower or busier machine either, long enough for any
+  /// expression that anybody meant.
+  static constexpr std::int64_t whole = 10'000'000;
 
   /// False when nothing is left: what remains to be tried counts as no match.
   bool spend(std::int64_t amount) noexcept {

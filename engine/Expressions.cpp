@@ -88,26 +88,39 @@ std::unique_ptr<const Expressions::Expression> Expressions::compile(std::string_
   return expression;
 }
 
+const Expressions::Expression& Expressions::compiled(std::size_t number, std::string_view pattern,
+                                                     bool caseSensitive) const {
+  const Expression* expression = expressions_[number].load(std::memory_order_acquire);
+  if (expression != nullptr) return *expression;
+  std::unique_ptr<const Expression> made = compile(pattern, caseSensitive);
+  // Of two threads that compile the same expression the first one's is kept.
+  if (expressions_[number].compare_exchange_strong(expression, made.get(),
+                                                   std::memory_order_acq_rel)) {
+    expression = made.release();
+  }
+  return *expression;
+}
+
+std::int64_t Expressions::compileAhead(std::size_t number, std::string_view pattern,
+                                       bool caseSensitive) const {
+  const std::int64_t start = threadNanoseconds();
+  compiled(number, pattern, caseSensitive);
+  return threadNanoseconds() - start;
+}
+
 bool Expressions::matches(std::size_t number, std::string_view pattern, bool caseSensitive,
                           ExpressionSubject& subject, Budget& budget) const {
   if (budget.isSpent()) return false;
-  const Expression* expression = expressions_[number].load(std::memory_order_acquire);
-  if (expression == nullptr) {
-    const std::int64_t start = threadNanoseconds();
-    std::unique_ptr<const Expression> compiled = compile(pattern, caseSensitive);
-    budget.spend(threadNanoseconds() - start);
-    // Of two threads that compile the same expression the first one's is kept.
-    if (expressions_[number].compare_exchange_strong(expression, compiled.get(),
-                                                     std::memory_order_acq_rel)) {
-      expression = compiled.release();
-    }
+  if (expressions_[number].load(std::memory_order_relaxed) == nullptr) {
+    budget.spend(compileAhead(number, pattern, caseSensitive));
   }
-  if (!expression->pattern || budget.isSpent()) return false;
+  const Expression& expression = compiled(number, pattern, caseSensitive);
+  if (!expression.pattern || budget.isSpent()) return false;
 
   const icu::UnicodeString& text = subject.converted().text;
   budget.spend(text.length() / 4);
   UErrorCode status = U_ZERO_ERROR;
-  const std::unique_ptr<icu::RegexMatcher> matcher(expression->pattern->matcher(text, status));
+  const std::unique_ptr<icu::RegexMatcher> matcher(expression.pattern->matcher(text, status));
   if (U_FAILURE(status)) return false;
   matcher->setMatchCallback(payForSteps, &budget, status);
   const bool found = matcher->find(status);

@@ -52,6 +52,7 @@ RuleMatcher::RuleMatcher(std::span<const SourcedRule> rules) : rules_(rules) {
   addRules();
   shareExpressions();
   expressions_ = std::make_unique<Expressions>(groups_.size());
+  compileExpressions();
   index_.emplace(makeIndex(PatternIndex::Keys::hostRunsAndTexts));
 }
 
@@ -89,6 +90,17 @@ void RuleMatcher::shareExpressions() {
     if (group.program.exact) continue;
     const Text& filter = rules_[group.firstRule].rule.trigger.urlFilter;
     sharedExpressions_[i] = known[group.program.caseSensitive].try_emplace(filter, i).first->second;
+  }
+}
+
+// No evaluation should pay for compiling the few expressions that a list has for ICU. Of a list
+// that has them by the thousand the rest waits until it is used.
+void RuleMatcher::compileExpressions() {
+  std::int64_t left = 300'000'000;  // nanoseconds
+  for (std::size_t i = 0; i < groups_.size() && left > 0; ++i) {
+    if (groups_[i].program.exact || sharedExpressions_[i] != i) continue;
+    const Text& filter = rules_[groups_[i].firstRule].rule.trigger.urlFilter;
+    left -= expressions_->compileAhead(i, filter, groups_[i].program.caseSensitive);
   }
 }
 

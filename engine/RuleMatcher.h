@@ -81,6 +81,7 @@ class RuleMatcher {
   void addRules();
   PatternIndex makeIndex(PatternIndex::Keys keys) const;
   void shareExpressions();
+  void compileExpressions();
   Conditions conditionsOf(const SourcedRule& rule);
   bool conditionsHold(std::size_t rule, const MatchRequest& request, TypeSet type) const;
   bool expressionMatches(std::size_t group, MatchRequest& request) const;
