@@ -55,6 +55,11 @@ constexpr std::string_view nul = "The expression has a NUL character.";
 constexpr std::string_view ambiguous =
     "The expression has an escape or a name without a clear meaning.";
 
+// The code of a character; expressions that have come that far are ASCII.
+std::uint32_t codeOf(char c) {
+  return static_cast<unsigned char>(c);
+}
+
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
@@ -128,7 +133,7 @@ class ExpressionReader {
       case '\\':
         return readEscape();
       default:
-        return single(static_cast<std::uint32_t>(c));
+        return single(codeOf(c));
     }
   }
 
@@ -251,15 +256,14 @@ class ExpressionReader {
   // What stands behind a backslash, as a character code below 0x80.
   Reason readEscapedCharacter(std::uint32_t& code) {
     const char c = text_[i_++];
-    code = static_cast<std::uint32_t>(c);
+    code = codeOf(c);
     switch (c) {
       case 't':
       case 'n':
       case 'v':
       case 'f':
       case 'r':
-        code = static_cast<std::uint32_t>(
-            std::string_view("\t\n\v\f\r")[std::string_view("tnvfr").find(c)]);
+        code = codeOf("\t\n\v\f\r"[std::string_view("tnvfr").find(c)]);
         return std::nullopt;
       case 'x':
         return readHexadecimal(2, code);
@@ -267,7 +271,7 @@ class ExpressionReader {
         return readHexadecimal(4, code);
       case 'c':
         if (!isLetter(peek())) return ambiguous;
-        code = static_cast<std::uint32_t>(text_[i_++]) % 32;
+        code = codeOf(text_[i_++]) % 32;
         return std::nullopt;
       default:
         break;
@@ -325,7 +329,7 @@ class ExpressionReader {
 
   Reason readClassCharacter(std::uint32_t& code) {
     const char c = text_[i_++];
-    code = static_cast<std::uint32_t>(c);
+    code = codeOf(c);
     if (c != '\\') return std::nullopt;
     if (i_ == text_.size()) return syntaxError;
     if (std::string_view("dDwWsS").find(peek()) != std::string_view::npos) return classAtom;
