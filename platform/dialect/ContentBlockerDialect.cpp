@@ -54,6 +54,12 @@ constexpr std::string_view tooManyOverlaps =
 constexpr std::string_view nul = "The expression has a NUL character.";
 constexpr std::string_view ambiguous =
     "The expression has an escape or a name without a clear meaning.";
+constexpr std::string_view emptyDomain =
+    "Invalid list of if-domain, unless-domain, if-top-url, or unless-top-url conditions.";
+constexpr std::string_view upperDomain =
+    "Domains must be lower case ASCII. Use punycode to encode non-ASCII characters.";
+constexpr std::string_view badDomain = "The domain has a character that no domain can have.";
+constexpr std::string_view longDomain = "The domain is too long.";
 
 // The code of a character; expressions that have come that far are ASCII.
 std::uint32_t codeOf(char c) {
@@ -374,6 +380,18 @@ char closingOf(char c) {
 
 std::optional<std::string_view> refusalOfExpression(std::string_view expression) noexcept {
   return ExpressionReader(expression).read();
+}
+
+std::optional<std::string_view> refusalOfDomain(std::string_view domain) noexcept {
+  if (domain.empty()) return emptyDomain;
+  if (domain.size() > maxDomainLength) return longDomain;
+  for (const char c : domain) {
+    if (codeOf(c) >= 0x80 || (c >= 'A' && c <= 'Z')) return upperDomain;
+    if (c == '\0' || std::string_view("|^()[]{}").find(c) != std::string_view::npos) {
+      return badDomain;
+    }
+  }
+  return std::nullopt;
 }
 
 std::optional<std::string_view> refusalOfSelector(std::string_view selector) noexcept {

@@ -8,7 +8,7 @@
 /// when it refuses a document, and there is text that it does not survive, so everything is held
 /// against this first.
 ///
-/// Both functions read their text once, without recursion and without allocating, and return the
+/// These functions read their text once, without recursion and without allocating, and return the
 /// reason of a refusal in words or nothing. They never accept what WebKit refuses; they refuse
 /// beyond WebKit what makes it abort, overflow its stack or run for minutes, and what it takes for
 /// something else than it says:
@@ -17,8 +17,11 @@
 ///     times, as "a" followed by 18 dots: the automaton doubles with each;
 ///   - NUL in an expression, which WebKit takes for the end of the URL;
 ///   - more than one named group, "\k" beside one, "\k<" anywhere, "\c" without a letter, and
-///   counts with
-///     superfluous digits such as {00,1};
+///     counts with superfluous digits such as {00,1};
+///   - ranges in classes that end at 0x80 or above, of which WebKit dies;
+///   - domains longer than `maxDomainLength`, and brackets in domains, which WebKit makes part of
+///   an
+///     expression;
 ///   - selectors that are not closed, which WebKit accepts and lets disable other rules;
 ///   - selectors nested deeper than `maxNesting` or of more than `maxCompounds` compounds.
 namespace tamsel::ContentBlockerDialect {
@@ -27,12 +30,20 @@ inline constexpr std::size_t maxExpressionLength = 2048;
 inline constexpr std::size_t maxNesting = 100;
 inline constexpr std::size_t maxOverlaps = 10;
 inline constexpr std::size_t maxCompounds = 10000;
+inline constexpr std::size_t maxDomainLength = 1024;
 
 /// Why "url-filter" (or a condition that takes the same syntax) cannot have this value.
 ///
 ///     ^[^:]+://ads\.example/.*\.js$    nothing
 ///     ads|banner                       "Disjunctions are not supported yet."
 std::optional<std::string_view> refusalOfExpression(std::string_view expression) noexcept;
+
+/// Why "if-domain" and "unless-domain" cannot hold this domain.
+///
+///     *ads.example    nothing
+///     Ads.example     "Domains must be lower case ASCII. Use punycode to encode non-ASCII
+///     characters."
+std::optional<std::string_view> refusalOfDomain(std::string_view domain) noexcept;
 
 /// Why "selector" cannot have this value. A selector that WebKit does not know, which it passes
 /// over together with its rule, is not refused.

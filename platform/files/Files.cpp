@@ -9,25 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <utility>
+
+#include "platform/files/Descriptor.h"
 
 namespace tamsel::Files {
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int value) noexcept : value_(value) {}
-  Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
-  Descriptor& operator=(Descriptor&&) = delete;
-  ~Descriptor() {
-    if (value_ >= 0) ::close(value_);
-  }
-  int get() const noexcept { return value_; }
-  explicit operator bool() const noexcept { return value_ >= 0; }
-
- private:
-  int value_;
-};
 
 [[noreturn]] void fail(std::string_view verb, std::string_view name, int error) {
   throw FileError("Cannot " + std::string(verb) + " " + std::string(name) + ": " +

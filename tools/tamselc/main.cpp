@@ -3,6 +3,8 @@
 #include <new>
 
 #include "platform/files/Files.h"
+#include "platform/rulestore/RuleListCompiler.h"
+#include "tools/tamselc/CheckCommand.h"
 #include "tools/tamselc/CompileCommand.h"
 #include "tools/tamselc/MatchCommand.h"
 #include "tools/tamselc/Output.h"
@@ -98,6 +100,16 @@ int run(int argc, char** argv) {
           ->type_name("FILE");
   requests->excludes(url)->excludes(page)->excludes(type);
 
+  CheckCommand check;
+  CLI::App* checkApp = app.add_subcommand(
+      "check",
+      "Compile the lists' document with the real WebKit and tell which rules it refuses, and why; "
+      "exit code 0 when it takes all, 1 when it refuses some");
+  checkApp->add_option("LIST", check.lists, listsHelp)->transform(named())->type_name("");
+  checkApp->add_flag("--json", check.json,
+                     "Answer in JSON: counts, seconds and every refused rule with its line, list "
+                     "and reason");
+
   try {
     app.parse(marked(argc, argv));
   } catch (const CLI::Success& success) {
@@ -108,6 +120,7 @@ int run(int argc, char** argv) {
     return fail(message + " tamselc --help tells more.");
   }
   if (*compileApp) return compile.run();
+  if (*checkApp) return check.run();
   if (!match.url && !match.requests) {
     return fail("Nothing to match: name a request with --url or a file of them with --requests.");
   }
@@ -124,6 +137,9 @@ int main(int argc, char** argv) {
     return run(argc, argv);
   } catch (const tamsel::Files::FileError& error) {
     return fail(error.what());
+  } catch (const tamsel::RuleListCompiler::Failure& failure) {
+    const std::string more = failure.detail.empty() ? "" : " It said: " + failure.detail;
+    return fail(failure.what() + more);
   } catch (const std::bad_alloc&) {
     return fail("There is not enough memory for this.");
   } catch (const std::exception& error) {

@@ -1,0 +1,451 @@
+#include "platform/rulestore/RuleListCompiler.h"
+
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "platform/rulestore/CompilerProcess.h"
+
+namespace tamsel {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = CompilerProcess::Clock;
+
+// What WebKit says of a document whose rules all have selectors that it does not know.
+constexpr std::string_view emptyDocument = "Empty extension.";
+constexpr std::array<std::string_view, 2> writeErrors = {"Internal I/O error",
+                                                         "Unspecified error during compile."};
+
+// A text of elsewhere must not be taken for one that names a rule.
+std::string withoutDigits(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }, '#');
+  return text;
+}
+
+// Whether the signal comes from what the process does, and not from somebody else.
+bool isCrash(int signal) {
+  constexpr std::array<int, 7> crashes = {SIGABRT, SIGBUS,  SIGFPE, SIGILL,
+                                          SIGSEGV, SIGTRAP, SIGSYS};
+  return std::find(crashes.begin(), crashes.end(), signal) != crashes.end();
+}
+
+// Why WebKit refuses an expression, from its standard error, where it names nothing but that.
+struct Complaint {
+  std::string_view expression, reason;
+
+  static std::optional<Complaint> in(std::string_view log) {
+    constexpr std::string_view prefix = "Error while parsing ";
+    const std::size_t start = log.find(prefix);
+    if (start == std::string_view::npos) return std::nullopt;
+    log.remove_prefix(start + prefix.size());
+    if (log.ends_with('\n')) log.remove_suffix(1);
+    const std::size_t separator = log.rfind(": ");
+    if (separator == std::string_view::npos) return std::nullopt;
+    return Complaint{log.substr(0, separator), log.substr(separator + 2)};
+  }
+};
+
+RuleListCompiler::Failure timedOut() {
+  return {"WebKit did not finish compiling the list in the time that it has.", {}};
+}
+
+}  // namespace
+
+// The helper process of one thread; a new one is started when the last one has gone.
+class RuleListCompiler::Helper {
+ public:
+  Helper(const Options& options, const StoreFolder::WorkFolder& work, std::stop_token stop,
+         Clock::time_point deadline, std::size_t number)
+      : options_(options),
+        folder_(work.path()),
+        workFolder_(work.makeFolder("webkit-" + std::to_string(number))),
+        stop_(std::move(stop)),
+        deadline_(deadline) {}
+
+  // Starts a process unless there is one, and does not wait for it.
+  void launch() {
+    if (process_) return;
+    try {
+      process_.emplace(options_.helper, folder_, workFolder_);
+    } catch (const CompilerProcess::Died& died) {
+      failToStart(died);
+    }
+  }
+
+  std::string webKitVersion() {
+    launch();
+    try {
+      return process_->webKitVersion(deadline_, stop_);
+    } catch (const CompilerProcess::Died& died) {
+      failToStart(died);
+    } catch (const CompilerProcess::TimedOut&) {
+      throw timedOut();
+    }
+  }
+
+  struct Trial {
+    // Empty if the document is taken.
+    std::string reason;
+    // The expression that WebKit names as the one that it refuses.
+    std::optional<std::string> expression = {};
+    bool crashed = false;
+    bool hung = false;
+
+    bool taken() const { return reason.empty(); }
+  };
+
+  // A document that WebKit finds nothing to do in is taken as well. Throws Failure, for instance
+  // when the process is killed from outside, and CompilerProcess::Stopped.
+  Trial compile(const std::string& filter, std::span<const std::string_view> document,
+                Clock::duration limit = Clock::duration::max()) {
+    (void)webKitVersion();
+    const Clock::time_point now = Clock::now();
+    const bool limited = limit < deadline_ - now;
+    try {
+      CompilerProcess::Answer answer =
+          process_->compile(filter, document, limited ? now + limit : deadline_, stop_);
+      if (answer.compiled || answer.reason == emptyDocument) return {};
+      if (std::find(writeErrors.begin(), writeErrors.end(), answer.reason) != writeErrors.end()) {
+        failToWrite(answer.reason);
+      }
+      const std::optional<Complaint> complaint = Complaint::in(answer.log);
+      if (!complaint) return {std::move(answer.reason)};
+      return {std::string(complaint->reason), std::string(complaint->expression)};
+    } catch (const CompilerProcess::Died& died) {
+      process_.reset();
+      if (!isCrash(died.signal)) {
+        throw Failure(
+            "WebKit's compiler ended before it was done: " + std::string(died.what()) + ".",
+            withoutDigits(died.log));
+      }
+      return {.reason = std::string("WebKit's compiler crashes on it: ") + died.what() + ".",
+              .crashed = true};
+    } catch (const CompilerProcess::TimedOut&) {
+      process_.reset();
+      if (!limited) throw timedOut();
+      return {.reason = "WebKit's compiler takes too long over it.", .hung = true};
+    }
+  }
+
+ private:
+  [[noreturn]] static void failToStart(const CompilerProcess::Died& died) {
+    throw Failure("WebKit's compiler, the program tamsel-rule-compiler, cannot be started: " +
+                      std::string(died.what()) + ".",
+                  withoutDigits(died.log));
+  }
+
+  [[noreturn]] void failToWrite(std::string_view reason) const {
+    constexpr std::uintmax_t fewBytes = std::uintmax_t{32} << 20;
+    std::error_code error;
+    const fs::space_info space = fs::space(folder_, error);
+    if (error) throw Failure("The folder for the compiled list has gone.", {});
+    if (space.available < fewBytes) {
+      throw Failure("There is not enough space on the disk for the compiled list.", {});
+    }
+    throw Failure("WebKit cannot write the compiled list: " + std::string(reason), {});
+  }
+
+  const Options& options_;
+  std::string folder_;
+  std::string workFolder_;
+  std::stop_token stop_;
+  Clock::time_point deadline_;
+  std::optional<CompilerProcess> process_;
+};
+
+// Finds the rules that WebKit refuses in a document that it refuses.
+class RuleListCompiler::Search {
+ public:
+  Search(const RuleParts& rules, Helper& helper, bool all)
+      : rules_(rules), helper_(helper), all_(all) {}
+
+  // Those that WebKit refuses for themselves.
+  std::vector<RefusedRule> refusedIn(const RuleParts::Part& part) {
+    constexpr std::size_t window = 1024;
+    for (const RuleParts::Range& range : part) {
+      for (std::size_t first = range.first; first < range.last && !enough(); first += window) {
+        search({first, std::min(first + window, range.last)});
+      }
+    }
+    return std::move(found_);
+  }
+
+  // The rule that, after those before it in the part, is one too many.
+  RefusedRule lastStraw(const RuleParts::Part& part) {
+    std::size_t taken = 0;
+    std::size_t crashing = 0;
+    for (const RuleParts::Range& range : part) crashing += range.last - range.first;
+    std::string reason;
+    while (crashing - taken > 1) {
+      const std::size_t count = taken + (crashing - taken) / 2;
+      const Helper::Trial trial = helper_.compile(probe, rules_.document(beginning(part, count)));
+      (trial.taken() ? taken : crashing) = count;
+    }
+    return {beginning(part, crashing).back().last - 1,
+            "WebKit's compiler crashes on it together with the rules before it."};
+  }
+
+ private:
+  // WebKit reads all expressions before it makes anything of them. The last rule, which is refused
+  // for certain, ends the compilation there: so it takes little time to learn that the others are
+  // taken.
+  Helper::Trial test(const RuleParts::Range& range) {
+    constexpr std::string_view refusedExpression = R"(\dtamsel)";
+    constexpr std::string_view refusedRule =
+        R"(,{"action":{"type":"block"},"trigger":{"url-filter":"\\dtamsel"}}])";
+    constexpr auto limit = std::chrono::seconds(10);
+    std::vector<std::string_view> document = rules_.document({range});
+    document.back() = refusedRule;
+    Helper::Trial trial = helper_.compile(probe, document, limit);
+    if (trial.expression == refusedExpression) return {};
+    return trial;
+  }
+
+  void search(RuleParts::Range range) {
+    while (range.first < range.last && !enough()) {
+      const Helper::Trial trial = test(range);
+      if (trial.taken()) return;
+      if (range.last - range.first == 1) {
+        found_.push_back({range.first, trial.reason});
+        return;
+      }
+      std::optional<std::size_t> named;
+      if (trial.expression) named = rules_.find(*trial.expression, range);
+      if (named) {
+        // Those before it are taken.
+        found_.push_back({*named, trial.reason});
+        range.first = *named + 1;
+      } else {
+        const std::size_t middle = range.first + (range.last - range.first) / 2;
+        search({range.first, middle});
+        range.first = middle;
+      }
+    }
+  }
+
+  bool enough() const { return !all_ && !found_.empty(); }
+
+  static RuleParts::Part beginning(const RuleParts::Part& part, std::size_t count) {
+    RuleParts::Part shortened;
+    for (RuleParts::Range range : part) {
+      if (count == 0) break;
+      range.last = std::min(range.last, range.first + count);
+      count -= range.last - range.first;
+      shortened.push_back(range);
+    }
+    return shortened;
+  }
+
+  static constexpr const char* probe = "probe";
+  const RuleParts& rules_;
+  Helper& helper_;
+  bool all_;
+  std::vector<RefusedRule> found_;
+};
+
+// One compilation, from the document to the filters or the rules that are refused.
+class RuleListCompiler::Compilation {
+ public:
+  Compilation(const Options& options, const Job& job, StoreFolder folder,
+              StoreFolder::WorkFolder work)
+      : options_(options),
+        job_(job),
+        deadline_(Clock::now() + options.timeLimit),
+        folder_(std::move(folder)),
+        work_(std::move(work)),
+        helper_(makeHelper(0)) {}
+
+  Outcome run() {
+    const std::array<std::string_view, 1> whole = {job_.document};
+    source_ = {digestOf(whole), options_.webKitVersion.value_or("")};
+    if (!options_.webKitVersion) source_.webKitVersion = helper_.webKitVersion();
+    if (const std::optional<std::size_t> count = findKept()) {
+      std::vector<StoreFolder::Part> parts;
+      for (std::size_t number = 0; number < *count; ++number) parts.push_back({number, {}});
+      return compiled(std::move(parts), true);
+    }
+
+    helper_.launch();  // it starts up while the document is read
+    const RuleParts rules(job_.document);
+    if (rules.count() > maxRules) throw Failure("Too many rules in JSON array.", {});
+    if (!rules.refused().empty()) return refused(rules.refused());
+
+    source_.webKitVersion = helper_.webKitVersion();
+    const std::vector<RuleParts::Part> parts = rules.parts();
+    std::vector<StoreFolder::Part> filters;
+    const std::optional<Fault> fault = compileParts(rules, parts, filters);
+    if (!fault) return compiled(std::move(filters), false);
+    return refused(culprits(rules, parts[fault->part], fault->trial));
+  }
+
+ private:
+  struct Fault {
+    std::size_t part;
+    Helper::Trial trial;
+  };
+
+  Helper makeHelper(std::size_t number) const {
+    return {options_, work_, job_.stop, deadline_, number};
+  }
+
+  std::optional<std::size_t> findKept() const {
+    return job_.reuse ? folder_.find(source_, work_) : std::nullopt;
+  }
+
+  // Compiles as many parts at once as there are processors, the next one whenever one is done,
+  // until all are or one is refused.
+  std::optional<Fault> compileParts(const RuleParts& rules,
+                                    const std::vector<RuleParts::Part>& parts,
+                                    std::vector<StoreFolder::Part>& filters) {
+    std::mutex mutex;  // guards what follows
+    std::size_t next = 0;
+    std::size_t done = 0;
+    std::optional<Fault> fault;
+    std::exception_ptr failure;
+
+    const auto work = [&](Helper& helper) {
+      std::unique_lock lock(mutex);
+      while (next < parts.size() && !fault && !failure) {
+        const std::size_t number = next++;
+        lock.unlock();
+        Helper::Trial trial;
+        std::optional<StoreFolder::Part> filter;
+        try {
+          trial = compilePart(helper, rules.document(parts[number]), number, filter);
+        } catch (...) {
+          lock.lock();
+          if (!failure) failure = std::current_exception();
+          return;
+        }
+        lock.lock();
+        if (filter) filters.push_back(std::move(*filter));
+        if (!trial.taken() && !fault) fault = {number, std::move(trial)};
+        if (job_.progress) job_.progress(++done, parts.size());
+      }
+    };
+    {
+      const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
+      std::vector<std::jthread> others;
+      for (std::size_t number = 1; number < std::min(processors, parts.size()); ++number) {
+        others.emplace_back([this, &work, number] {
+          Helper helper = makeHelper(number);
+          work(helper);
+        });
+      }
+      if (job_.progress) job_.progress(0, parts.size());
+      work(helper_);
+    }
+    if (failure) std::rethrow_exception(failure);
+    return fault;
+  }
+
+  // Sets `filter` unless the part is refused or there is nothing in it for WebKit to do.
+  Helper::Trial compilePart(Helper& helper, const std::vector<std::string_view>& document,
+                            std::size_t number, std::optional<StoreFolder::Part>& filter) {
+    const StoreFolder::Source source{digestOf(document), source_.webKitVersion};
+    Helper::Trial trial;
+    if (!job_.reuse || !folder_.findPart(source, work_, number)) {
+      trial = helper.compile(work_.filterName(number), document);
+    }
+    if (::access(work_.filterFile(number).c_str(), F_OK) == 0) filter = {number, source.document};
+    return trial;
+  }
+
+  std::vector<RefusedRule> culprits(const RuleParts& rules, const RuleParts::Part& part,
+                                    const Helper::Trial& trial) {
+    if (trial.expression && !job_.findAll) {
+      for (const RuleParts::Range& range : part) {
+        if (const auto named = rules.find(*trial.expression, range)) {
+          return {{*named, trial.reason}};
+        }
+      }
+    }
+    Search search(rules, helper_, job_.findAll);
+    const RuleParts::Part all = {{0, rules.count()}};
+    std::vector<RefusedRule> found = search.refusedIn(job_.findAll ? all : part);
+    if (!found.empty()) return found;
+    if (!trial.crashed) throw Failure(withoutDigits(trial.reason), {});
+    return {search.lastStraw(part)};
+  }
+
+  static Outcome refused(std::vector<RefusedRule> rules) { return {std::move(rules), nullptr}; }
+
+  Outcome compiled(std::vector<StoreFolder::Part> parts, bool unchanged) {
+    std::sort(parts.begin(), parts.end(),
+              [](const auto& a, const auto& b) { return a.number < b.number; });
+    return {{},
+            std::make_unique<const Compiled>(Compiled{std::move(folder_), std::move(work_),
+                                                      std::move(source_), std::move(parts),
+                                                      unchanged})};
+  }
+
+  const Options& options_;
+  const Job& job_;
+  Clock::time_point deadline_;
+  StoreFolder folder_;
+  StoreFolder::WorkFolder work_;
+  StoreFolder::Source source_;
+  Helper helper_;
+};
+
+std::vector<std::string> RuleListCompiler::Compiled::filterNames() const {
+  std::vector<std::string> names;
+  names.reserve(parts.size());
+  for (const StoreFolder::Part& part : parts) names.push_back(work.filterName(part.number));
+  return names;
+}
+
+RuleListCompiler::Outcome RuleListCompiler::compile(const Job& job) const try {
+  std::optional<Compilation> compilation;
+  try {
+    StoreFolder folder(job.folder, job.identifier);
+    compilation.emplace(options_, job, folder, folder.makeWorkFolder());
+  } catch (const StoreFolder::Unusable&) {
+    StoreFolder folder(options_.defaultFolder, job.identifier);
+    compilation.emplace(options_, job, folder, folder.makeWorkFolder());
+  }
+  return compilation->run();
+} catch (const StoreFolder::Unusable& unusable) {
+  throw Failure(
+      "The folder for the compiled list cannot be used: " + withoutDigits(unusable.what()) + ".",
+      {});
+} catch (const RuleParts::Malformed& malformed) {
+  throw Failure(malformed.what(), {});
+} catch (const CompilerProcess::Stopped&) {
+  throw Stopped("The compilation was stopped.");
+}
+
+std::string RuleListCompiler::installedHelper() {
+  constexpr std::string_view name = "tamsel-rule-compiler";
+  std::error_code error;
+  const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
+  const fs::path beside = folder / name;
+  if (fs::exists(beside, error)) return beside;
+  return folder / TAMSEL_HELPER_FOLDER / name;
+}
+
+std::string RuleListCompiler::userFolder() {
+  const char* caches = std::getenv("XDG_CACHE_HOME");
+  const char* home = std::getenv("HOME");
+  fs::path folder = "/var/empty";  // nothing can be made there
+  if (caches != nullptr && *caches == '/') {
+    folder = caches;
+  } else if (home != nullptr && *home == '/') {
+    folder = fs::path(home) / ".cache";
+  }
+  return folder / "tamsel" / "RuleStore";
+}
+
+}  // namespace tamsel

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tamsel::tamselc {
+
+/// `tamselc check`: does the real WebKit take every rule of the lists?
+struct CheckCommand {
+  std::vector<std::string> lists;
+  /// Whether to answer in JSON.
+  bool json = false;
+
+  /// Returns the exit code: 0 when WebKit takes all rules, 1 when it refuses some. Throws
+  /// Files::FileError and RuleListCompiler::Failure.
+  int run() const;
+};
+
+}  // namespace tamsel::tamselc
