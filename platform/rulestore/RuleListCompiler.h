@@ -34,11 +34,11 @@ class RuleListCompiler {
   };
 
   struct Job {
-    std::string_view document;
+    std::string_view document = {};
     /// Letters and digits. A list replaces the one that was compiled under the same identifier in
     /// the same folder.
-    std::string identifier;
-    std::string folder;
+    std::string identifier = {};
+    std::string folder = {};
     std::stop_token stop = {};
     /// Whether to look for every rule that is refused, or be content with the first.
     bool findAll = false;

@@ -110,6 +110,14 @@ bool isAbandoned(const std::string& workFolder) {
   return folder && ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
+// Nothing but files is ever put here; a folder of the same name would be in the way for ever.
+void removeFolder(const std::string& path) {
+  std::error_code error;
+  if (fs::symlink_status(path, error).type() == fs::file_type::directory) {
+    fs::remove_all(path, error);
+  }
+}
+
 }  // namespace
 
 std::string digestOf(std::span<const std::string_view> pieces) {
@@ -236,10 +244,13 @@ bool StoreFolder::keep(const Source& source, const WorkFolder& work,
   const Lock lock(path_);
   for (std::size_t i = 0; i < parts.size(); ++i) {
     const std::string kept = path_ + "/" + files[i];
+    removeFolder(kept);
     if (::rename(work.filterFile(parts[i].number).c_str(), kept.c_str()) != 0) return false;
   }
+  const std::string recordFile = path_ + "/" + std::string(recordName);
+  removeFolder(recordFile);
   try {
-    Files::replace(path_ + "/" + std::string(recordName), record.dump());
+    Files::replace(recordFile, record.dump());
   } catch (const Files::FileError&) {
     return false;
   }
