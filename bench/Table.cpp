@@ -54,7 +54,7 @@ void Table::Finalize() {
     const double measured =
         isTime ? inUnit(milliseconds(*run), figure.unit) : run->counters.at(figure.counter).value;
     std::printf("%-46s %8.2f %-3s", figure.title.c_str(), measured, figure.unit.c_str());
-    if (targetsApply_) {
+    if (targetsApply_ && figure.target > 0) {
       std::printf(" %8.2f %-3s %8.2f", figure.target, figure.unit.c_str(),
                   measured / figure.target);
     } else {

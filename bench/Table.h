@@ -13,7 +13,7 @@ struct Figure {
   std::string benchmark;
   /// The counter; empty for the time.
   std::string counter;
-  /// In the unit.
+  /// In the unit; 0 for none.
   double target;
   std::string unit;
 };

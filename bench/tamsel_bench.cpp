@@ -12,12 +12,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "bench/ListFiles.h"
 #include "bench/MadeUpLists.h"
 #include "bench/Table.h"
 #include "compiler/FilterCompiler.h"
@@ -33,24 +33,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr unsigned madeUpSeed = 7;
-
 struct Request {
   std::string url;
   std::optional<std::string> page;
   std::string type;
 };
-
-std::vector<std::string> split(const std::string& text, char separator) {
-  std::vector<std::string> parts;
-  std::size_t begin = 0;
-  while (begin <= text.size()) {
-    const std::size_t end = std::min(text.find(separator, begin), text.size());
-    parts.push_back(text.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return parts;
-}
 
 std::vector<Request> readRequests(const std::string& text) {
   std::vector<Request> requests;
@@ -62,43 +49,6 @@ std::vector<Request> readRequests(const std::string& text) {
   }
   return requests;
 }
-
-// Where the lists are: the files named, or a made-up one in a folder that is removed at the end.
-class ListFiles {
- public:
-  static const ListFiles& get() {
-    static const ListFiles files;
-    return files;
-  }
-
-  const std::vector<std::string>& paths() const { return paths_; }
-  const std::filesystem::path& scratch() const { return scratch_; }
-
-  ListFiles(const ListFiles&) = delete;
-  ListFiles& operator=(const ListFiles&) = delete;
-
- private:
-  ListFiles()
-      : scratch_(std::filesystem::temp_directory_path() /
-                 ("tamsel-bench-" + std::to_string(::getpid()))) {
-    constexpr std::size_t madeUpLines = 130000;
-    std::filesystem::create_directory(scratch_);
-    if (const char* paths = std::getenv("TAMSEL_LISTS")) {
-      paths_ = split(paths, ':');
-    } else {
-      paths_ = {scratch_ / "made-up.txt"};
-      Files::replace(paths_[0], madeUpList(madeUpLines, madeUpSeed));
-    }
-  }
-
-  ~ListFiles() {
-    std::error_code ignored;
-    std::filesystem::remove_all(scratch_, ignored);
-  }
-
-  std::filesystem::path scratch_;
-  std::vector<std::string> paths_;
-};
 
 // What is measured, read or made up once.
 class Data {

@@ -23,6 +23,12 @@ struct CharacterSet {
   }
   CharacterSet operator|(CharacterSet other) const { return {low | other.low, high | other.high}; }
   CharacterSet operator~() const { return {~low, ~high}; }
+  // With both cases of each letter that it has in one.
+  CharacterSet folded() const {
+    constexpr std::uint64_t letters = 0x7fffffe;
+    const std::uint64_t either = (high | high >> 32) & letters;
+    return {low, (high & ~(letters | letters << 32)) | either | either << 32};
+  }
   bool overlaps(CharacterSet other) const { return ((low & other.low) | (high & other.high)) != 0; }
   bool operator==(const CharacterSet&) const = default;
 
@@ -93,7 +99,7 @@ class ExpressionReader {
     if (seen >= 0x80) return asciiOnly;
     if (text_.find('\0') != std::string_view::npos) return nul;
     while (peek() == '^') {
-      beginsAnywhere_ = false;
+      begins_ = false;
       ++i_;
     }
     while (i_ < text_.size()) {
@@ -125,6 +131,7 @@ class ExpressionReader {
         if (depth_ == 0) return syntaxError;
         --depth_;
         quantifiable_ = true;
+        afterGroup_ = true;
         return std::nullopt;
       case '*':
       case '+':
@@ -143,29 +150,38 @@ class ExpressionReader {
     }
   }
 
-  // The automaton of an expression that can begin anywhere has to remember every place where it may
-  // have begun. As long as what follows cannot be the beginning too, there is one such place; each
-  // wide class that can be both doubles what there is to remember.
   Reason wide(const CharacterSet& set) {
+    ++wides_;
+    return term(set, true);
+  }
+
+  Reason single(std::uint32_t code) { return term(CharacterSet::range(code, code), false); }
+
+  // The automaton of an expression that can begin at many places, because it has no anchor or
+  // because something in it repeats, has to remember every place where it may have begun. As long
+  // as what follows cannot be a beginning too, there is one such place; each wide class that can be
+  // both doubles what there is to remember. Terms that are all the same set do no harm: how many of
+  // them there were is all there is to know.
+  Reason term(const CharacterSet& set, bool isWide) {
     quantifiable_ = true;
-    if (!beginsAnywhere_) return std::nullopt;
-    if (!hasBeginning_) {
-      begin(set);
-    } else if (set != beginning_ && set.overlaps(beginning_) && ++overlaps_ > maxOverlaps) {
-      return tooManyOverlaps;
+    afterGroup_ = false;
+    if (begins_) {
+      isUniform_ = isUniform_ && (!hasBeginning_ || set == beginnings_);
+      beginnings_ = beginnings_ | set;
+      hasBeginning_ = true;
+      begins_ = false;
+      return std::nullopt;
     }
+    if (!hasBeginning_) return std::nullopt;
+    isUniform_ = isUniform_ && set == beginnings_;
+    // A rule that says nothing else matches without regard to case.
+    if (isWide && !isUniform_ && set.folded().overlaps(beginnings_)) return overlap(1);
     return std::nullopt;
   }
 
-  Reason single(std::uint32_t code) {
-    quantifiable_ = true;
-    if (beginsAnywhere_ && !hasBeginning_) begin(CharacterSet::range(code, code));
-    return std::nullopt;
-  }
-
-  void begin(const CharacterSet& set) {
-    hasBeginning_ = true;
-    beginning_ = set;
+  Reason overlap(std::size_t count) {
+    overlaps_ += count;
+    return overlaps_ > maxOverlaps ? Reason(tooManyOverlaps) : Reason();
   }
 
   // A quantifier has been read up to a "?" that makes it lazy, which is of no consequence.
@@ -173,16 +189,14 @@ class ExpressionReader {
     if (!quantifiable_) return syntaxError;
     quantifiable_ = false;
     if (peek() == '?') ++i_;
-    if (isLoop) {
-      // From here on the rest may begin anywhere.
-      beginsAnywhere_ = true;
-      hasBeginning_ = false;
-    }
+    begins_ = true;  // what follows may come earlier or later
+    if (isLoop && afterGroup_) return overlap(wides_ - widesBefore_[depth_]);
     return std::nullopt;
   }
 
   Reason openGroup() {
-    if (++depth_ > maxNesting) return tooDeep;
+    if (depth_ == maxNesting) return tooDeep;
+    widesBefore_[depth_++] = wides_;
     quantifiable_ = false;
     if (peek() != '?') return std::nullopt;
     const char kind = peek(1);
@@ -200,9 +214,9 @@ class ExpressionReader {
 
   Reason readGroupName() {
     const auto isName = [](char c) { return isLetter(c) || c == '_'; };
-    if (!isName(peek())) return syntaxError;
+    if (!isName(peek())) return ambiguous;
     while (isName(peek()) || isDigit(peek())) ++i_;
-    if (peek() != '>') return syntaxError;
+    if (peek() != '>') return ambiguous;
     ++i_;
     ++namedGroups_;
     return std::nullopt;
@@ -248,7 +262,7 @@ class ExpressionReader {
       case 'k':
         namedReference_ = true;
         if (peek(1) == '<') {
-          return text_.find("(?<") != std::string_view::npos ? backReference : ambiguous;
+          return namedGroups_ != 0 ? backReference : ambiguous;
         }
         break;
       default:
@@ -355,10 +369,14 @@ class ExpressionReader {
   std::size_t namedGroups_ = 0;
   bool namedReference_ = false;
 
-  bool beginsAnywhere_ = true;  // no anchor, or something before `i_` repeats without end
-  bool hasBeginning_ = false;   // of the piece since the start or the last loop
-  CharacterSet beginning_;
-  std::size_t overlaps_ = 0;  // of all pieces: what each costs is multiplied
+  bool begins_ = true;         // what is read next may come at several places
+  bool hasBeginning_ = false;  // something that may come at several places has been read
+  CharacterSet beginnings_;    // all that it begins with
+  bool isUniform_ = true;      // every term since the first such one is the same set
+  bool afterGroup_ = false;    // what stands before `i_` is a group
+  std::size_t wides_ = 0;
+  std::array<std::size_t, maxNesting> widesBefore_{};  // of each open group
+  std::size_t overlaps_ = 0;
 };
 
 constexpr std::string_view openQuotation = "The selector has a quotation without an end.";
@@ -387,7 +405,7 @@ std::optional<std::string_view> refusalOfDomain(std::string_view domain) noexcep
   if (domain.size() > maxDomainLength) return longDomain;
   for (const char c : domain) {
     if (codeOf(c) >= 0x80 || (c >= 'A' && c <= 'Z')) return upperDomain;
-    if (c == '\0' || std::string_view("|^()[]{}").find(c) != std::string_view::npos) {
+    if (c == '\0' || std::string_view("|^()[]{}+").find(c) != std::string_view::npos) {
       return badDomain;
     }
   }

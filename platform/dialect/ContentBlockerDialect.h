@@ -13,15 +13,15 @@
 /// beyond WebKit what makes it abort, overflow its stack or run for minutes, and what it takes for
 /// something else than it says:
 ///   - expressions longer than `maxExpressionLength` or nested deeper than `maxNesting`;
-///   - expressions whose wide classes overlap with their own beginning more than `maxOverlaps`
-///     times, as "a" followed by 18 dots: the automaton doubles with each;
+///   - expressions whose wide classes overlap more than `maxOverlaps` times with what may stand at
+///   a
+///     beginning, as "a" followed by 18 dots: the automaton doubles with each;
 ///   - NUL in an expression, which WebKit takes for the end of the URL;
-///   - more than one named group, "\k" beside one, "\k<" anywhere, "\c" without a letter, and
-///     counts with superfluous digits such as {00,1};
+///   - more than one named group, "\k" beside one, "\k<" anywhere, "\c" without a letter, counts
+///     with superfluous digits such as {00,1}, and escapes in the names of groups;
 ///   - ranges in classes that end at 0x80 or above, of which WebKit dies;
-///   - domains longer than `maxDomainLength`, and brackets in domains, which WebKit makes part of
-///   an
-///     expression;
+///   - domains longer than `maxDomainLength`, and brackets and "+" in domains, which WebKit makes
+///     part of an expression;
 ///   - selectors that are not closed, which WebKit accepts and lets disable other rules;
 ///   - selectors nested deeper than `maxNesting` or of more than `maxCompounds` compounds.
 namespace tamsel::ContentBlockerDialect {

@@ -100,8 +100,6 @@ class RuleListCompiler::Helper {
     std::string reason;
     // The expression that WebKit names as the one that it refuses.
     std::optional<std::string> expression = {};
-    bool crashed = false;
-    bool hung = false;
 
     bool taken() const { return reason.empty(); }
   };
@@ -130,12 +128,11 @@ class RuleListCompiler::Helper {
             "WebKit's compiler ended before it was done: " + std::string(died.what()) + ".",
             withoutDigits(died.log));
       }
-      return {.reason = std::string("WebKit's compiler crashes on it: ") + died.what() + ".",
-              .crashed = true};
+      return {std::string("WebKit's compiler crashes on it: ") + died.what() + "."};
     } catch (const CompilerProcess::TimedOut&) {
       process_.reset();
       if (!limited) throw timedOut();
-      return {.reason = "WebKit's compiler takes too long over it.", .hung = true};
+      return {"WebKit's compiler takes too long over it."};
     }
   }
 
@@ -171,7 +168,7 @@ class RuleListCompiler::Search {
   Search(const RuleParts& rules, Helper& helper, bool all)
       : rules_(rules), helper_(helper), all_(all) {}
 
-  // Those that WebKit refuses for themselves.
+  // Those in the part that WebKit refuses for themselves, whatever is around them.
   std::vector<RefusedRule> refusedIn(const RuleParts::Part& part) {
     constexpr std::size_t window = 1024;
     for (const RuleParts::Range& range : part) {
@@ -180,21 +177,6 @@ class RuleListCompiler::Search {
       }
     }
     return std::move(found_);
-  }
-
-  // The rule that, after those before it in the part, is one too many.
-  RefusedRule lastStraw(const RuleParts::Part& part) {
-    std::size_t taken = 0;
-    std::size_t crashing = 0;
-    for (const RuleParts::Range& range : part) crashing += range.last - range.first;
-    std::string reason;
-    while (crashing - taken > 1) {
-      const std::size_t count = taken + (crashing - taken) / 2;
-      const Helper::Trial trial = helper_.compile(probe, rules_.document(beginning(part, count)));
-      (trial.taken() ? taken : crashing) = count;
-    }
-    return {beginning(part, crashing).back().last - 1,
-            "WebKit's compiler crashes on it together with the rules before it."};
   }
 
  private:
@@ -237,17 +219,6 @@ class RuleListCompiler::Search {
 
   bool enough() const { return !all_ && !found_.empty(); }
 
-  static RuleParts::Part beginning(const RuleParts::Part& part, std::size_t count) {
-    RuleParts::Part shortened;
-    for (RuleParts::Range range : part) {
-      if (count == 0) break;
-      range.last = std::min(range.last, range.first + count);
-      count -= range.last - range.first;
-      shortened.push_back(range);
-    }
-    return shortened;
-  }
-
   static constexpr const char* probe = "probe";
   const RuleParts& rules_;
   Helper& helper_;
@@ -283,7 +254,7 @@ class RuleListCompiler::Compilation {
     if (!rules.refused().empty()) return refused(rules.refused());
 
     source_.webKitVersion = helper_.webKitVersion();
-    const std::vector<RuleParts::Part> parts = rules.parts();
+    const std::vector<RuleParts::Part>& parts = rules.parts();
     std::vector<StoreFolder::Part> filters;
     const std::optional<Fault> fault = compileParts(rules, parts, filters);
     if (!fault) return compiled(std::move(filters), false);
@@ -375,9 +346,8 @@ class RuleListCompiler::Compilation {
     Search search(rules, helper_, job_.findAll);
     const RuleParts::Part all = {{0, rules.count()}};
     std::vector<RefusedRule> found = search.refusedIn(job_.findAll ? all : part);
-    if (!found.empty()) return found;
-    if (!trial.crashed) throw Failure(withoutDigits(trial.reason), {});
-    return {search.lastStraw(part)};
+    if (found.empty()) throw Failure(withoutDigits(trial.reason), {});
+    return found;
   }
 
   static Outcome refused(std::vector<RefusedRule> rules) { return {std::move(rules), nullptr}; }

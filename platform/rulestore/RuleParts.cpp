@@ -52,6 +52,7 @@ class RuleParts::Reader {
     bool hasExpression = false;
     // Why a condition is refused; empty if none is.
     std::string_view refusal;
+    bool conditioned = false;
     // Whether a condition is `wanted`.
     bool hasWanted = false;
   };
@@ -77,6 +78,7 @@ class RuleParts::Reader {
   void readTrigger(ondemand::value value, Content& content) {
     content.hasExpression = false;
     content.refusal = {};
+    content.conditioned = false;
     ondemand::object members;
     if (!is(value.get_object().get(members))) return;
     for (auto member : members) {
@@ -102,6 +104,7 @@ class RuleParts::Reader {
       std::string_view text;
       if (!is(element.get(condition)) || !is(condition.get_string().get(text))) continue;
       if (content.refusal.empty()) content.refusal = refusalOf(text).value_or(std::string_view());
+      content.conditioned = true;
       content.hasWanted = content.hasWanted || text == wanted_;
     }
   }
@@ -153,7 +156,7 @@ RuleParts::RuleParts(std::string_view document) {
       refusal = ContentBlockerDialect::refusalOfSelector(content.selector);
     }
     if (refusal) refused_.push_back({rules_.size(), std::string(*refusal)});
-    rules_.push_back({{}, kind});
+    rules_.push_back({{}, kind, content.conditioned});
   }
   const char* rest = nullptr;
   if (parsed.current_location().get(rest) == simdjson::SUCCESS) fail(notJSON);
@@ -166,25 +169,28 @@ RuleParts::RuleParts(std::string_view document) {
     text = text.substr(0, text.rfind(last ? ']' : ','));
     rules_[i].text = text.substr(0, text.find_last_not_of(" \t\n\r") + 1);
   }
+  divide();
+  refuseSurplus();
 }
 
-std::vector<RuleParts::Part> RuleParts::parts() const {
-  if (count() < divisible) return {{{0, count()}}};
+void RuleParts::divide() {
+  if (count() < divisible) {
+    parts_ = {{{0, count()}}};
+    return;
+  }
 
-  const auto firstOther = [this](std::size_t first, Kind kind) {
+  const auto endOf = [this](std::size_t first, Kind kind) {
     while (first < count() && rules_[first].kind == kind) ++first;
     return first;
   };
   std::size_t bodyEnd = count();
   while (bodyEnd > 0 && rules_[bodyEnd - 1].kind == Kind::hide) --bodyEnd;
-  const std::size_t blocksEnd = firstOther(0, Kind::block);
-  const bool ordered = firstOther(blocksEnd, Kind::exception) == bodyEnd;
+  const std::size_t blocksEnd = endOf(0, Kind::block);
   const Range exceptions{blocksEnd, bodyEnd};
   const std::size_t exceptionCount = bodyEnd - blocksEnd;
 
-  std::vector<Part> parts;
-  const auto divide = [&](Range range, std::size_t least, std::size_t most,
-                          const std::optional<Range>& repeated) {
+  const auto divideRange = [this](Range range, std::size_t least, std::size_t most,
+                                  const std::optional<Range>& repeated) {
     while (range.first < range.last) {
       const std::size_t limit = std::min(range.last, range.first + most);
       std::size_t end = std::min(limit, range.first + least);
@@ -193,22 +199,42 @@ std::vector<RuleParts::Part> RuleParts::parts() const {
         if (XXH3_64bits(text.data(), text.size()) % usualExcess == 0) break;
         ++end;
       }
-      if (range.last - end < least / 2) end = range.last;
-      parts.push_back({{range.first, end}});
-      if (repeated) parts.back().push_back(*repeated);
+      // A small rest goes with the last division.
+      if (range.last - end < least / 2 && range.last - range.first <= most) end = range.last;
+      parts_.push_back({{range.first, end}});
+      if (repeated) parts_.back().push_back(*repeated);
       range.first = end;
     }
   };
-  if (ordered) {
+  const bool ordered = endOf(blocksEnd, Kind::exception) == bodyEnd;
+  if (ordered && blocksEnd > 0 && exceptionCount + leastInDivision <= maxConditioned) {
+    const std::size_t room = maxConditioned - exceptionCount;
     const std::size_t least = std::max(leastInDivision, exceptionCount * rulesForAnException);
-    divide({0, blocksEnd}, least, least / leastInDivision * mostInDivision, exceptions);
-    // Without a block before them exceptions do nothing, but they are still WebKit's to judge.
-    if (blocksEnd == 0 && exceptionCount > 0) parts.push_back({exceptions});
-  } else {
-    parts.push_back({{0, bodyEnd}});
+    divideRange({0, blocksEnd}, std::min(least, room),
+                std::min(least / leastInDivision * mostInDivision, room), exceptions);
+  } else if (bodyEnd > 0) {
+    parts_.push_back({{0, bodyEnd}});
   }
-  divide({bodyEnd, count()}, leastInDivision, mostInDivision, std::nullopt);
-  return parts;
+  divideRange({bodyEnd, count()}, leastInDivision, mostInDivision, std::nullopt);
+}
+
+void RuleParts::refuseSurplus() {
+  const std::size_t refusedBefore = refused_.size();
+  for (const Part& part : parts_) {
+    std::size_t conditioned = 0;
+    for (const Range& range : part) {
+      for (std::size_t i = range.first; i < range.last; ++i) {
+        if (rules_[i].conditioned && ++conditioned > maxConditioned) {
+          refused_.push_back({i, "WebKit bears no more rules with domains together."});
+        }
+      }
+    }
+  }
+  if (refused_.size() == refusedBefore) return;
+  const auto byIndex = [](const auto& a, const auto& b) { return a.index < b.index; };
+  std::stable_sort(refused_.begin(), refused_.end(), byIndex);
+  const auto same = [](const auto& a, const auto& b) { return a.index == b.index; };
+  refused_.erase(std::unique(refused_.begin(), refused_.end(), same), refused_.end());
 }
 
 std::vector<std::string_view> RuleParts::document(const Part& part) const {

@@ -48,14 +48,18 @@ class RuleParts {
   /// The rules that WebKit would refuse or not survive, in order.
   const std::vector<RefusedRule>& refused() const noexcept { return refused_; }
 
+  /// The most rules with conditions, such as "if-domain", in one document. If 65,535 of them can
+  /// apply to one URL, WebKit aborts.
+  static constexpr std::size_t maxConditioned = 65000;
+
   /// Documents that together do what the whole does. A small one stays whole. Otherwise, where
   /// blocks are followed by exceptions and these by element hiding, as the compiler writes them,
   /// the blocks are divided and each division has all exceptions after it, since an exception acts
   /// on the rules before it in its own document; element hiding at the end, which nothing acts on,
-  /// is divided as well. WebKit bears only 65,534 rules with domains in one document, several
-  /// documents can be compiled at once, and where the divisions lie depends on the rules around,
-  /// so that a change in one place leaves most parts as they were.
-  std::vector<Part> parts() const;
+  /// is divided as well. So there is no end to the rules with conditions that are taken, several
+  /// documents can be compiled at once, and since where the divisions lie depends on the rules
+  /// around, a change in one place leaves most parts as they were.
+  const std::vector<Part>& parts() const noexcept { return parts_; }
 
   /// The text of a part, in pieces that stay valid as long as this and the document.
   std::vector<std::string_view> document(const Part& part) const;
@@ -69,11 +73,16 @@ class RuleParts {
   struct Rule {
     std::string_view text;
     Kind kind;
+    bool conditioned;
   };
   class Reader;
 
+  void divide();
+  void refuseSurplus();
+
   std::vector<Rule> rules_;
   std::vector<RefusedRule> refused_;
+  std::vector<Part> parts_;
 };
 
 }  // namespace tamsel

@@ -89,7 +89,11 @@ TEST(ContentBlockerDialect, RefusesTheRestWithAReason) {
       {"The expression is too long.", {repeated(2049, "a"), repeated(1 << 20, "(a")}},
       {overlap,
        {"a" + repeated(18, "."), "a" + repeated(16, "[a-z]"), "^http://.*a" + repeated(12, "."),
-        "x+ab" + repeated(11, "[^/]")}}};
+        "x+ab" + repeated(11, "[^/]"),
+        // The beginning is wide itself, optional, before a loop, after one, in another case.
+        ".a" + repeated(19, "."), "a?b" + repeated(19, "[b-z]"), "(ab)?b" + repeated(19, "[b-z]"),
+        "a0*" + repeated(18, "."), "^" + repeated(19, ".?") + "a" + repeated(19, "."),
+        "^(.?a" + repeated(19, ".") + ")+", "X" + repeated(18, "[a-z]")}}};
   for (const auto& [reason, expressions] : cases) {
     for (const std::string& expression : expressions) {
       if (reason == syntax) {  // any reason will do where several apply
@@ -98,6 +102,20 @@ TEST(ContentBlockerDialect, RefusesTheRestWithAReason) {
         EXPECT_EQ(refusal(expression), reason) << testing::PrintToString(expression.substr(0, 80));
       }
     }
+  }
+}
+
+TEST(ContentBlockerDialect, TakesDomainsOfPlainCharacters) {
+  const auto domainRefusal = [](const std::string& domain) {
+    return ContentBlockerDialect::refusalOfDomain(ExactCopy(domain)).has_value();
+  };
+  for (const std::string& domain :
+       {"a.example"s, "*a.example"s, "xn--4ca.example:8080"s, "192.0.2.1"s, repeated(1024, "a")}) {
+    EXPECT_FALSE(domainRefusal(domain)) << domain;
+  }
+  for (const std::string& domain : {""s, "A.example"s, "\u00E4.example"s, "a|b"s, "a+"s, "[::1]"s,
+                                    "(a)"s, "a^"s, "a\0b"s, repeated(1025, "a")}) {
+    EXPECT_TRUE(domainRefusal(domain)) << domain;
   }
 }
 
