@@ -73,7 +73,8 @@ std::string resolved(std::string path) {
 // A name in the folder of `path` that no file has.
 std::string temporaryName(const std::string& path) {
   std::random_device device;
-  return folderOf(path) + "/.tamsel-" + std::to_string(device()) + std::to_string(device());
+  return folderOf(path) + "/" + std::string(temporaryPrefix) + std::to_string(device()) +
+         std::to_string(device());
 }
 
 Sink sinkTo(const Descriptor& file, const std::string& name) {

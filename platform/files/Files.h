@@ -21,6 +21,9 @@ inline constexpr std::size_t maxReadBytes = std::size_t{1} << 30;
 /// The name that stands for standard input.
 inline constexpr std::string_view standardInput = "-";
 
+/// What the names of files begin with that `replace` has not come to rename yet.
+inline constexpr std::string_view temporaryPrefix = ".tamsel-";
+
 /// The whole file, or all of standard input for "-". Throws FileError.
 std::string read(const std::string& path);
 

@@ -112,8 +112,8 @@ int millisecondsUntil(CompilerProcess::Clock::time_point deadline) {
   return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, INT_MAX));
 }
 
-// Reads what there is, up to `limit` bytes in `to`; what goes beyond is dropped. Returns whether
-// there may be more later.
+// Reads what there is, if anything is open, up to `limit` bytes in `to`; what goes beyond is
+// dropped. Returns whether there may be more later.
 bool readAvailable(const Descriptor& from, std::string& to, std::size_t limit) {
   std::array<char, 65536> buffer;
   while (true) {
@@ -198,6 +198,7 @@ CompilerProcess::Reply CompilerProcess::exchange(std::span<const std::string_vie
   std::string incoming, log;
   const std::stop_callback wakeUp(stop, [this] { (void)::eventfd_write(wakeUp_.get(), 1); });
 
+  bool alive = true;
   while (true) {
     HelperProtocol::Reply header{};
     if (incoming.size() >= sizeof header) {
@@ -208,6 +209,11 @@ CompilerProcess::Reply CompilerProcess::exchange(std::span<const std::string_vie
         (void)readAvailable(errors_, log, maxLogLength);
         return {header.status, incoming.substr(sizeof header), std::move(log)};
       }
+    }
+    if (!alive) {
+      const int signal = end(graceOfDying);
+      (void)readAvailable(errors_, log, maxLogLength);
+      throw Died(signal != 0 ? ::strsignal(signal) : "it ended by itself", signal, std::move(log));
     }
 
     std::array<pollfd, 3> polled = {
@@ -220,14 +226,9 @@ CompilerProcess::Reply CompilerProcess::exchange(std::span<const std::string_vie
 
     if (polled[1].revents != 0 && !readAvailable(errors_, log, maxLogLength)) errors_.close();
     const bool writable = (polled[0].revents & POLLOUT) != 0;
-    bool alive = !writable || writeAvailable(stream_, outgoing);
+    alive = !writable || writeAvailable(stream_, outgoing);
     if ((polled[0].revents & ~POLLOUT) != 0) {
       alive = readAvailable(stream_, incoming, sizeof header + maxReplyLength) && alive;
-    }
-    if (!alive) {
-      const int signal = end(graceOfDying);
-      if (errors_) (void)readAvailable(errors_, log, maxLogLength);
-      throw Died(signal != 0 ? ::strsignal(signal) : "it ended by itself", signal, std::move(log));
     }
   }
 }

@@ -34,6 +34,14 @@ std::string withoutDigits(std::string text) {
   return text;
 }
 
+// The last line, cut to what can be read at a glance.
+std::string lastWords(std::string_view log) {
+  constexpr std::size_t most = 300;
+  log = log.substr(0, log.find_last_not_of(" \n") + 1);
+  log.remove_prefix(log.rfind('\n') + 1);  // npos + 1 is 0
+  return withoutDigits(std::string(log.substr(0, most)));
+}
+
 // Whether the signal comes from what the process does, and not from somebody else.
 bool isCrash(int signal) {
   constexpr std::array<int, 7> crashes = {SIGABRT, SIGBUS,  SIGFPE, SIGILL,
@@ -97,15 +105,18 @@ class RuleListCompiler::Helper {
 
   struct Trial {
     // Empty if the document is taken.
-    std::string reason;
+    std::string reason = {};
     // The expression that WebKit names as the one that it refuses.
     std::optional<std::string> expression = {};
+
+    // Whether there is a filter. A document in which there is nothing to do is taken without.
+    bool compiled = false;
 
     bool taken() const { return reason.empty(); }
   };
 
-  // A document that WebKit finds nothing to do in is taken as well. Throws Failure, for instance
-  // when the process is killed from outside, and CompilerProcess::Stopped.
+  // Throws Failure, for instance when the process is killed from outside, and
+  // CompilerProcess::Stopped.
   Trial compile(const std::string& filter, std::span<const std::string_view> document,
                 Clock::duration limit = Clock::duration::max()) {
     (void)webKitVersion();
@@ -114,7 +125,8 @@ class RuleListCompiler::Helper {
     try {
       CompilerProcess::Answer answer =
           process_->compile(filter, document, limited ? now + limit : deadline_, stop_);
-      if (answer.compiled || answer.reason == emptyDocument) return {};
+      if (answer.compiled) return {.compiled = true};
+      if (answer.reason == emptyDocument) return {};
       if (std::find(writeErrors.begin(), writeErrors.end(), answer.reason) != writeErrors.end()) {
         failToWrite(answer.reason);
       }
@@ -126,7 +138,7 @@ class RuleListCompiler::Helper {
       if (!isCrash(died.signal)) {
         throw Failure(
             "WebKit's compiler ended before it was done: " + std::string(died.what()) + ".",
-            withoutDigits(died.log));
+            lastWords(died.log));
       }
       return {std::string("WebKit's compiler crashes on it: ") + died.what() + "."};
     } catch (const CompilerProcess::TimedOut&) {
@@ -140,7 +152,7 @@ class RuleListCompiler::Helper {
   [[noreturn]] static void failToStart(const CompilerProcess::Died& died) {
     throw Failure("WebKit's compiler, the program tamsel-rule-compiler, cannot be started: " +
                       std::string(died.what()) + ".",
-                  withoutDigits(died.log));
+                  lastWords(died.log));
   }
 
   [[noreturn]] void failToWrite(std::string_view reason) const {
@@ -326,11 +338,15 @@ class RuleListCompiler::Compilation {
   Helper::Trial compilePart(Helper& helper, const std::vector<std::string_view>& document,
                             std::size_t number, std::optional<StoreFolder::Part>& filter) {
     const StoreFolder::Source source{digestOf(document), source_.webKitVersion};
-    Helper::Trial trial;
-    if (!job_.reuse || !folder_.findPart(source, work_, number)) {
-      trial = helper.compile(work_.filterName(number), document);
+    const bool kept = job_.reuse && folder_.findPart(source, work_, number);
+    const Helper::Trial trial =
+        kept ? Helper::Trial{.compiled = true} : helper.compile(work_.filterName(number), document);
+    if (trial.compiled) {
+      if (::access(work_.filterFile(number).c_str(), F_OK) != 0) {
+        throw Failure("WebKit's compiler left no list behind.", {});
+      }
+      filter = {number, source.document};
     }
-    if (::access(work_.filterFile(number).c_str(), F_OK) == 0) filter = {number, source.document};
     return trial;
   }
 
@@ -409,11 +425,13 @@ std::string RuleListCompiler::installedHelper() {
 std::string RuleListCompiler::userFolder() {
   const char* caches = std::getenv("XDG_CACHE_HOME");
   const char* home = std::getenv("HOME");
-  fs::path folder = "/var/empty";  // nothing can be made there
+  fs::path folder;
   if (caches != nullptr && *caches == '/') {
     folder = caches;
   } else if (home != nullptr && *home == '/') {
     folder = fs::path(home) / ".cache";
+  } else {
+    return {};
   }
   return folder / "tamsel" / "RuleStore";
 }

@@ -101,7 +101,7 @@ class RuleListCompiler {
   /// Where the helper is: beside this program, or where an installation puts it.
   static std::string installedHelper();
 
-  /// The folder "tamsel/RuleStore" among the user's caches.
+  /// The folder "tamsel/RuleStore" among the user's caches; empty for somebody without a home.
   static std::string userFolder();
 
  private:

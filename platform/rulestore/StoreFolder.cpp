@@ -170,12 +170,22 @@ StoreFolder::StoreFolder(const std::string& parent, const std::string& identifie
   if (identifier.empty() || !std::all_of(identifier.begin(), identifier.end(), isPlain)) {
     throw std::invalid_argument("An identifier is made of letters and digits.");
   }
+  if (parent.empty()) throw Unusable("There is none");
   std::error_code error;
   path_ = fs::absolute(parent, error) / identifier;
   if (!error) fs::create_directories(path_, error);
   if (error) throw Unusable(error.message());
   const Lock lock(path_);
   removeLeftovers(nullptr);
+}
+
+bool StoreFolder::isUsable(const std::string& parent, const std::string& identifier) {
+  try {
+    (void)StoreFolder(parent, identifier).makeWorkFolder();
+    return true;
+  } catch (const Unusable&) {
+    return false;
+  }
 }
 
 std::optional<StoreFolder::Record> StoreFolder::readRecord() const {
@@ -268,7 +278,8 @@ void StoreFolder::removeLeftovers(const std::vector<std::string>* kept) const {
   for (fs::directory_iterator entry(path_, error); !error && entry != fs::directory_iterator();
        entry.increment(error)) {
     const std::string name = entry->path().filename();
-    if (isUnused(name) || (name.starts_with(workPrefix) && isAbandoned(entry->path()))) {
+    if (isUnused(name) || name.starts_with(Files::temporaryPrefix) ||
+        (name.starts_with(workPrefix) && isAbandoned(entry->path()))) {
       leftovers.push_back(entry->path());
     }
   }

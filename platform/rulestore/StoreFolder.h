@@ -67,6 +67,9 @@ class StoreFolder {
   /// it if it is missing, and removes what others left behind. Throws Unusable.
   StoreFolder(const std::string& parent, const std::string& identifier);
 
+  /// Whether one can be made, or is there, and can be written to.
+  static bool isUsable(const std::string& parent, const std::string& identifier);
+
   /// Throws Unusable.
   WorkFolder makeWorkFolder() const { return {path_, identifier_}; }
 

@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -22,6 +24,7 @@ using namespace std::string_literals;
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 
 struct Outcome {
   int status;  // the exit code, or minus the signal that ended the process
@@ -32,6 +35,8 @@ struct Setting {
   std::string input = {};
   std::string before = "exec ";   // what the shell reads before "tamselc"
   std::string killOnceOpen = {};  // the start of a path; see hasOpen
+  int signal = SIGKILL;           // what to kill with
+  bool killHelper = false;        // kill the helper that has the file open instead of tamselc
 };
 
 std::string read(const fs::path& path) {
@@ -46,14 +51,39 @@ void write(const fs::path& path, const std::string& bytes) {
 // Whether the process has a file open that is not empty and whose path begins with `start`.
 bool hasOpen(pid_t process, const std::string& start) {
   std::error_code gone;
-  for (const auto& open :
-       fs::directory_iterator("/proc/" + std::to_string(process) + "/fd", gone)) {
-    const std::string path = fs::read_symlink(open, gone);
+  fs::directory_iterator open("/proc/" + std::to_string(process) + "/fd", gone);
+  for (; open != fs::directory_iterator(); open.increment(gone)) {
+    std::error_code closed;
+    const std::string path = fs::read_symlink(*open, closed);
     struct stat status {};
-    ::stat(open.path().c_str(), &status);
-    if (status.st_size > 0 && path.starts_with(start)) return true;
+    ::stat(open->path().c_str(), &status);
+    if (S_ISREG(status.st_mode) && status.st_size > 0 && path.starts_with(start)) return true;
   }
   return false;
+}
+
+// The processes that compile for this test: their argument is a folder of it.
+std::vector<pid_t> helpers() {
+  const std::string name = "/tamsel-rule-compiler\0"s + fs::current_path().parent_path().string();
+  std::vector<pid_t> found;
+  for (const auto& process : fs::directory_iterator("/proc")) {
+    std::ifstream file(process.path() / "cmdline");
+    std::string command;
+    std::getline(file, command);  // throws nothing when the process has just gone
+    if (command.find(name) != std::string::npos) {
+      found.push_back(std::stoi(process.path().filename()));
+    }
+  }
+  return found;
+}
+
+// Whether they go within the time that a system under load may need.
+bool helpersEnd() {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!helpers().empty()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+  }
+  return true;
 }
 
 Outcome shell(const std::string& commands, const Setting& setting) {
@@ -61,14 +91,20 @@ Outcome shell(const std::string& commands, const Setting& setting) {
   const std::string all = "exec <../in >../out 2>../err; " + commands;
   const pid_t child = ::fork();
   if (child == 0) {
-    std::signal(SIGPIPE, SIG_DFL);
-    std::signal(SIGXFSZ, SIG_DFL);
+    for (const int signal : {SIGPIPE, SIGXFSZ, SIGINT, SIGTERM, SIGHUP}) {
+      std::signal(signal, SIG_DFL);
+    }
     ::execl("/bin/sh", "sh", "-c", all.c_str(), nullptr);
     ::_exit(EXIT_FAILURE);
   }
   int state = 0;
   while (::waitpid(child, &state, setting.killOnceOpen.empty() ? 0 : WNOHANG) == 0) {
-    if (hasOpen(child, setting.killOnceOpen)) ::kill(child, SIGKILL);
+    std::vector<pid_t> processes = helpers();
+    processes.push_back(child);
+    for (const pid_t process : processes) {
+      if (!hasOpen(process, setting.killOnceOpen)) continue;
+      ::kill(setting.killHelper ? process : child, setting.signal);
+    }
   }
   return {WIFEXITED(state) ? WEXITSTATUS(state) : -WTERMSIG(state), read("../out"), read("../err")};
 }
@@ -82,6 +118,16 @@ Outcome run(const std::string& arguments, const Setting& setting = {}) {
 std::string contents() {
   return shell("for f in *; do stat -c '%a %N' $f; test -L $f || cat $f; done", {}).out;
 }
+
+// What checking keeps and leaves behind: for each file its name and inode.
+std::string left() {
+  const std::string folders = " -name tamsel -o -name RuleStore -o -name check ";
+  return shell("find ../cache ../tmp -mindepth 1 ! '('" + folders +
+                   "')' -printf '%f %i\\n' | sort -t. -k2",
+               {})
+      .out;
+}
+const std::string keptFiles = "(compiled\\.json [0-9]+\n([0-9a-f-]+\\.rules [0-9]+\n)*)?";
 
 // What is no JSON counts as one rule.
 std::size_t ruleCount(const std::string& text) {
@@ -98,14 +144,20 @@ bool isNobodyAble() {
 class Tamselc : public testing::Test {
  protected:
   void SetUp() override {
-    std::string path = testing::TempDir() + "tamselc-XXXXXX";
+    static const std::string parent = testing::TempDir();  // before TMPDIR is another
+    std::string path = parent + "tamselc-XXXXXX";
     ASSERT_NE(::mkdtemp(path.data()), nullptr);
     ::umask(022);
     fs::permissions(path, fs::perms(0755));
-    fs::create_directory(path + "/work");
+    for (const char* name : {"/work", "/cache", "/tmp"}) fs::create_directory(path + name);
+    fs::permissions(path + "/tmp", fs::perms::all);
     fs::current_path(path + "/work");
+    const std::string folder = fs::current_path().parent_path();
+    ::setenv("XDG_CACHE_HOME", (folder + "/cache").c_str(), 1);
+    ::setenv("TMPDIR", (folder + "/tmp").c_str(), 1);
   }
   void TearDown() override {
+    for (const pid_t process : helpers()) ::kill(process, SIGKILL);
     fs::permissions(".", fs::perms(0755));
     const fs::path folder = fs::current_path().parent_path();
     fs::current_path("/");
@@ -252,7 +304,8 @@ TEST_F(Tamselc, ShowsNoControlCharacters) {
 }
 
 TEST_F(Tamselc, RefusesInOneSentenceAndChangesNothing) {
-  const std::string plain = "exec ", fileLimit = "ulimit -f 2; exec ";
+  const std::string plain = "exec ", fileLimit = "rm -rf ../cache; ulimit -f 2; exec ";
+  const std::string noFolder = "export XDG_CACHE_HOME=/proc TMPDIR=/proc; exec ";
   const std::string noReader = "mkfifo ../p 2>/dev/null; exec 3<>../p >../p 3<&-; exec ";
   // After the arguments, and for the shell a comment: what the sentence must name.
   const std::pair<std::string, std::vector<std::string>> cases[] = {
@@ -260,23 +313,27 @@ TEST_F(Tamselc, RefusesInOneSentenceAndChangesNothing) {
        {"#", "bogus #", "compile --bogus #--bogus", "compile -o #-o", "match list #--url",
         "match --url u --requests list #--requests", "match --url u --type 'x\x1B' #x?",
         "compile - list - #tandard input", "match - --requests - #tandard input",
+        "check --bogus #--bogus",
         // What cannot be read.
         "compile list missing -o old #missing", "compile '' #", "compile . #\".\"",
         "match missing --url u #missing", "match --requests missing #missing",
-        "compile - <&- #tandard input",
+        "compile - <&- #tandard input", "check list missing #missing",
         // What cannot be written.
         "compile -o missing/new #missing/new", "compile -o list/below #list/below",
         "compile -o . #\".\"", "compile --report missing/new #missing/new",
         "compile >/dev/full #output", "compile >&- #output", "match --url u >/dev/full #output",
+        "check >/dev/full #output", "check >&- #output", "check <&- >&- #output",
         // Former bugs.
         "compile 'no\x1B[2J\nsuch' #no?[2J?such", "compile '[list]' #[list]", "compile '[]' #[]"}},
       {fileLimit,
        {"compile -o old #old", "compile -o new #new", "compile -o /dev/null --report old #old",
-        "compile #output"}},
-      {noReader, {"compile #output", "match --url u #output", "match --requests - #output"}},
+        "compile #output", "check #size limit"}},
+      {noReader,
+       {"compile #output", "match --url u #output", "match --requests - #output", "check #output"}},
+      {noFolder, {"check #folder"}},
       {asNobody,
-       {"compile secret #secret", "match --requests secret #secret", "compile -o new #new",
-        "compile -o old #old", "compile -o /dev/full #/dev/full"}},
+       {"compile secret #secret", "check secret #secret", "match --requests secret #secret",
+        "compile -o new #new", "compile -o old #old", "compile -o /dev/full #/dev/full"}},
   };
   for (const char* name : {"list", "old", "secret"}) write(name, "||a.example^\n");
   fs::permissions("secret", fs::perms(0));
@@ -289,6 +346,7 @@ TEST_F(Tamselc, RefusesInOneSentenceAndChangesNothing) {
       EXPECT_THAT(made.err, MatchesRegex("tamselc: [ -~]+\\.\\)?\n")) << command;
       EXPECT_THAT(made.err, HasSubstr(command.substr(command.rfind('#') + 1))) << command;
       EXPECT_EQ(contents(), unchanged) << command;
+      EXPECT_THAT(left(), MatchesRegex(keptFiles)) << command;
     }
   }
 }
@@ -310,6 +368,152 @@ TEST_F(Tamselc, LeavesTheOldFileOrTheNewOneWhenKilled) {
     const bool isOld = left == "644 'file'\nold" && made.status == -SIGKILL;
     EXPECT_TRUE(isOld || left == "644 'file'\n" + document) << open << made.status << made.err;
   }
+}
+
+TEST_F(Tamselc, CompilesWithWebKitOnlyWhatChanged) {
+  const std::string oneFilter = "compiled\\.json [0-9]+\n[0-9a-f-]+\\.rules [0-9]+\n";
+  const auto check = [](const std::string& text, int rules) {
+    const Outcome made = run("check -", {.input = text});
+    EXPECT_EQ(made.status, 0) << made.err;
+    EXPECT_THAT(made.out, MatchesRegex("Time: [0-9.]+ s\\.\nWebKit takes all " +
+                                       std::to_string(rules) + " rules\\.\n"));
+    return left();
+  };
+  const std::string text = "||a.example^$image\n##.x\n";
+  const std::string kept = check(text, 2);
+  EXPECT_THAT(kept, MatchesRegex(oneFilter));
+  EXPECT_EQ(check(text, 2), kept);
+  json answer = json::parse(run("check - --json", {.input = text}).out, nullptr, false);
+  EXPECT_GT(answer["seconds"], 0);
+  EXPECT_EQ(answer.erase("seconds"), 1);
+  EXPECT_EQ(answer, json({{"rules", 2}, {"accepted", 2}, {"refused", json::array()}}));
+  EXPECT_EQ(left(), kept);
+  const std::string changed = check(text + "##.y\n", 3);
+  EXPECT_THAT(changed, MatchesRegex(oneFilter));
+  EXPECT_THAT(kept, Not(HasSubstr(changed.substr(changed.rfind(' ')))));
+}
+
+TEST_F(Tamselc, TellsEveryRuleThatWebKitRefuses) {
+  using Name = std::pair<std::string, std::string>;  // as it is, and as it is shown
+  const Name first = {"l\x1B[2J\u009B", "l?[2J?"}, second = {"other", "other"};
+  write(first.first, "/[a-\\xff]/$font\n||a.example^$font\n##[a=\"\n##.ok\n/a(\x7F/$font\n");
+  write(second.first, "@@||a.example/ok/$font\n/a..................b/$font\n||b.example^$font\n");
+  const std::tuple<Name, Name, std::string> cases[] = {
+      {{"/[a-\\xff]/$font", "/[a-\\xff]/$font"}, first, "ASCII"},
+      {{"/a(\x7F/$font", "/a(?/$font"}, first, "not well formed"},
+      {{"/a..................b/$font", "/a..................b/$font"}, second, "wide classes"},
+      {{"##[a=\"", "##[a=\""}, first, "quotation"},
+  };
+  const Outcome answered = run("check l* other --json");
+  EXPECT_EQ(answered.status, 1) << answered.err;
+  const json answer = json::parse(answered.out, nullptr, false);
+  EXPECT_EQ(answer["rules"], 8);
+  EXPECT_EQ(answer["accepted"], 4);
+  ASSERT_EQ(answer["refused"].size(), std::size(cases));
+  std::string text;
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const auto& [line, name, words] = cases[i];
+    const json& refused = answer["refused"][i];
+    const std::string reason = refused.value("reason", "");
+    EXPECT_THAT(reason, HasSubstr(words));
+    EXPECT_EQ(refused, json({{"line", line.first}, {"list", name.first}, {"reason", reason}}));
+    text +=
+        "Refused: " + line.second + "\n  List:   " + name.second + "\n  Reason: " + reason + "\n";
+  }
+  const Outcome made = run("check l* other");
+  EXPECT_EQ(made.status, 1) << made.err;
+  EXPECT_EQ(made.out.substr(0, made.out.find("Time: ")), text + "\n");
+  EXPECT_THAT(made.out, testing::EndsWith(" s.\nWebKit refuses 4 of 8 rules.\n"));
+  EXPECT_THAT(left(), MatchesRegex(keptFiles));
+}
+
+TEST_F(Tamselc, HandsOverNoMoreThanWebKitTakes) {
+  // The last line is refused, so the verdict tells whether it was among what is handed over.
+  for (const int good : {149999, 150000}) {
+    const Outcome made = run("check -", {.before = "(seq -f '##.a%.0f' " + std::to_string(good) +
+                                                   "; echo '##[a=\"') | "});
+    const bool all = good == 149999;
+    EXPECT_EQ(made.status, all ? 1 : 0);
+    EXPECT_EQ(made.err, all ? ""
+                            : "Only the first 150000 of 150001 rules are handed over: "
+                              "WebKit takes no more.\n");
+    EXPECT_THAT(made.out, testing::EndsWith(all ? "WebKit refuses 1 of 150000 rules.\n"
+                                                : "WebKit takes all 150000 rules.\n"));
+  }
+}
+
+TEST_F(Tamselc, LeavesNothingBehindWhenInterrupted) {
+  // WebKit takes a second for the short list, and for the long one several in two helpers.
+  for (const auto& [name, count] : {std::pair{"short", "5000"}, {"long", "40000"}}) {
+    shell("seq -f '/%.0f[a-z]*q.$image' "s + count + " >" + name, {});
+  }
+  const std::string work = fs::current_path().parent_path() / "cache/tamsel/RuleStore/check/work-";
+  EXPECT_EQ(run("check").status, 0);
+  const std::string kept = left();
+  // The last is the system when memory runs out: it ends a helper.
+  const std::pair<int, int> cases[] = {
+      {SIGINT, -SIGINT}, {SIGTERM, -SIGTERM}, {SIGHUP, -SIGHUP}, {SIGKILL, 2}};
+  for (const auto& [signal, status] : cases) {
+    const Outcome made = run(
+        "check long", {.killOnceOpen = work, .signal = signal, .killHelper = signal == SIGKILL});
+    EXPECT_EQ(made.status, status);
+    EXPECT_THAT(made.err, MatchesRegex(status == 2 ? "tamselc: [ -~]+Killed\\.\n" : "")) << signal;
+    EXPECT_THAT(helpers(), testing::IsEmpty()) << signal;
+    EXPECT_EQ(left(), kept) << signal;
+  }
+  // The helpers do not finish what nobody waits for any more, and the next run tidies up.
+  EXPECT_EQ(run("check long", {.killOnceOpen = work}).status, -SIGKILL);
+  EXPECT_TRUE(helpersEnd());
+  EXPECT_THAT(left(), testing::AllOf(HasSubstr("work-"), Not(HasSubstr("List-check"))));
+  EXPECT_EQ(run("check").status, 0);
+  EXPECT_EQ(left(), kept);
+  // Shells start what runs in the background so that an interrupt leaves it alone.
+  const Setting background = {
+      .before = "trap '' INT; exec ", .killOnceOpen = work, .signal = SIGINT};
+  EXPECT_EQ(run("check short", background).status, 0);
+}
+
+TEST_F(Tamselc, SaysWhatKeepsTheHelperFromWork) {
+  fs::create_directory("../alone");
+  fs::copy_file(TAMSELC_PATH, "../alone/tamselc");
+  const std::string helper = "../alone/tamsel-rule-compiler";
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "No such file"},
+      {"exit 3", "ended by itself"},
+      {"kill -KILL $$", "Killed"},
+      {"echo garbage garbage garbage >&0; while :; do :; done", "another program"},
+      // It knows how to begin.
+      {R"(printf '\0\0\0\0\0\0\0\0\3\0\0\0\0\0\0\0abc' >&0)", "ended by itself"},
+  };
+  for (const auto& [script, words] : cases) {
+    if (!script.empty()) write(helper, "#!/bin/sh\n" + script + "\n");
+    const Outcome made = shell("chmod -f 755 ../alone/*; exec ../alone/tamselc check", {});
+    EXPECT_EQ(made.status, 2) << script << made.out;
+    EXPECT_THAT(made.err, MatchesRegex("tamselc: [ -~]+" + words + "[ -~]*\\.\n")) << script;
+    EXPECT_THAT(helpers(), testing::IsEmpty()) << script;
+    EXPECT_EQ(left(), "") << script;
+  }
+}
+
+TEST_F(Tamselc, ChecksWithoutACacheFolder) {
+  write("file", "");
+  fs::create_directory("../home");
+  const std::string cases[] = {
+      "export XDG_CACHE_HOME=$PWD/file; exec ",
+      "export XDG_CACHE_HOME=/proc; exec ",
+      "unset XDG_CACHE_HOME; export HOME=$PWD/../home; exec ",
+      "chmod 555 ../cache; " + asNobody,
+      "unset XDG_CACHE_HOME HOME; " + asNobody,
+  };
+  for (const std::string& before : cases) {
+    if (before.ends_with(asNobody) && !isNobodyAble()) GTEST_SKIP() << "Only root can start it.";
+    const Outcome made = run("check", {.before = before});
+    EXPECT_EQ(made.status, 0) << before << made.err;
+    EXPECT_THAT(made.out, HasSubstr("WebKit takes all ")) << before;
+    EXPECT_EQ(left(), "") << before;
+    EXPECT_EQ(contents(), "644 'file'\n") << before;
+  }
+  EXPECT_TRUE(fs::exists("../home/.cache/tamsel/RuleStore/check/compiled.json"));
 }
 
 }  // namespace

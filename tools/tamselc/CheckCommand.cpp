@@ -87,7 +87,9 @@ class TemporaryFolder {
  public:
   TemporaryFolder() {
     std::error_code error;
-    std::string path = std::filesystem::temp_directory_path(error) / "tamselc-XXXXXX";
+    std::filesystem::path parent = std::filesystem::temp_directory_path(error);
+    if (error) parent = "/tmp";
+    std::string path = parent / "tamselc-XXXXXX";
     if (::mkdtemp(path.data()) != nullptr) path_ = path;
   }
   ~TemporaryFolder() {
@@ -102,6 +104,9 @@ class TemporaryFolder {
  private:
   std::string path_;
 };
+
+// What was compiled for this command is kept under.
+constexpr const char* identifier = "check";
 
 struct Refusal {
   SourcedRule rule;
@@ -127,16 +132,17 @@ void remove(const std::vector<RefusedRule>& refused, SourcedRules& rules,
 // Leaves in `rules` what WebKit takes, and returns the others. Throws RuleListCompiler::Failure and
 // RuleListCompiler::Stopped.
 std::vector<Refusal> askWebKit(SourcedRules& rules, const std::stop_token& stop) {
-  const std::string folder = RuleListCompiler::userFolder();
-  const TemporaryFolder temporary;
-  const RuleListCompiler compiler({.defaultFolder = temporary.path()});
+  std::string folder = RuleListCompiler::userFolder();
+  std::optional<TemporaryFolder> temporary;
+  if (!StoreFolder::isUsable(folder, identifier)) folder = temporary.emplace().path();
+  const RuleListCompiler compiler({.defaultFolder = folder});
   Progress progress(rules.size());
   std::vector<Refusal> refusals;
   for (int round = 0; !rules.empty(); ++round) {
     const ByteBuffer document = RuleDocument::encode(rules);
     const RuleListCompiler::Outcome outcome = compiler.compile(
         {.document = document,
-         .identifier = "check",
+         .identifier = identifier,
          .folder = folder,
          .stop = stop,
          .findAll = true,
@@ -186,7 +192,6 @@ std::string asText(std::size_t count, const std::vector<Refusal>& refusals, Cloc
 }  // namespace
 
 int CheckCommand::run() const {
-  Interrupt interrupt;
   const Clock::time_point start = Clock::now();
   SourcedRules rules;
   {
@@ -200,10 +205,13 @@ int CheckCommand::run() const {
   }
   const std::size_t count = rules.size();
   std::vector<Refusal> refusals;
-  try {
-    refusals = askWebKit(rules, interrupt.token());
-  } catch (const RuleListCompiler::Stopped&) {
-    interrupt.finish();
+  {
+    Interrupt interrupt;
+    try {
+      refusals = askWebKit(rules, interrupt.token());
+    } catch (const RuleListCompiler::Stopped&) {
+      interrupt.finish();
+    }
   }
   const Clock::duration time = Clock::now() - start;
   writeOutput(json ? asJson(count, refusals, time) : asText(count, refusals, time));

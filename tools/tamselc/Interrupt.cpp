@@ -21,7 +21,7 @@ bool isIgnored(int signal) {
 Interrupt::Interrupt() {
   ::sigemptyset(&signals_);
   ::sigaddset(&signals_, endOfWatch);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU}) {
     if (!isIgnored(signal)) ::sigaddset(&signals_, signal);
   }
   ::pthread_sigmask(SIG_BLOCK, &signals_, &previous_);
@@ -29,22 +29,26 @@ Interrupt::Interrupt() {
 }
 
 Interrupt::~Interrupt() {
-  ::pthread_kill(watcher_.native_handle(), endOfWatch);
-  watcher_.join();
+  endWatch();
   ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
 }
 
 void Interrupt::watch() {
   int signal = 0;
-  while (::sigwait(&signals_, &signal) == 0 && signal != endOfWatch) {
+  while (::sigwait(&signals_, &signal) == 0 && !over_) {
     received_ = signal;
     stop_.request_stop();
   }
 }
 
-void Interrupt::finish() {
+void Interrupt::endWatch() {
+  over_ = true;
   ::pthread_kill(watcher_.native_handle(), endOfWatch);
   watcher_.join();
+}
+
+void Interrupt::finish() {
+  endWatch();
   std::signal(received_, SIG_DFL);
   ::pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);
   (void)::raise(received_);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <csignal>
 #include <stop_token>
 #include <thread>
@@ -22,11 +23,13 @@ class Interrupt {
 
  private:
   void watch();
+  void endWatch();
 
   std::stop_source stop_;
-  sigset_t signals_;   // those that interrupt, and the one that ends the watch
+  sigset_t signals_;   // those that interrupt, one of which ends the watch as well
   sigset_t previous_;  // what was blocked before
   int received_ = 0;
+  std::atomic<bool> over_ = false;
   std::thread watcher_;
 };
 

@@ -138,7 +138,7 @@ int main(int argc, char** argv) {
   } catch (const tamsel::Files::FileError& error) {
     return fail(error.what());
   } catch (const tamsel::RuleListCompiler::Failure& failure) {
-    const std::string more = failure.detail.empty() ? "" : " It said: " + failure.detail;
+    const std::string more = failure.detail.empty() ? "" : " It said: \"" + failure.detail + "\".";
     return fail(failure.what() + more);
   } catch (const std::bad_alloc&) {
     return fail("There is not enough memory for this.");
