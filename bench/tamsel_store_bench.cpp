@@ -4,17 +4,21 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/ListFiles.h"
@@ -160,30 +164,85 @@ void loadInSecondProcess(benchmark::State& state) {
   }
 }
 
-struct Ticker {
-  Clock::time_point last = Clock::now();
-  double longest = 0;
+// Counts on a main loop every millisecond.
+class Ticker {
+ public:
+  Ticker() : source_(g_timeout_add(1, tick, this)) {}
+  ~Ticker() { g_source_remove(source_); }
+  Ticker(const Ticker&) = delete;
+  Ticker& operator=(const Ticker&) = delete;
+
+  // The longest time between two ticks, and the most that this thread computed in one, in ms. What
+  // lies between them is the system's: it gave the processor to somebody else.
+  double longest() const { return longest_; }
+  double mostComputed() const { return mostComputed_; }
+
+ private:
+  static double computed() {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+  }
+
+  static gboolean tick(gpointer data) {
+    auto& ticker = *static_cast<Ticker*>(data);
+    ticker.longest_ = std::max(ticker.longest_, millisecondsSince(ticker.last_));
+    ticker.mostComputed_ = std::max(ticker.mostComputed_, computed() - ticker.lastComputed_);
+    ticker.last_ = Clock::now();
+    ticker.lastComputed_ = computed();
+    return G_SOURCE_CONTINUE;
+  }
+
+  guint source_;
+  Clock::time_point last_ = Clock::now();
+  double lastComputed_ = computed();
+  double longest_ = 0, mostComputed_ = 0;
 };
 
-gboolean tick(gpointer data) {
-  auto& ticker = *static_cast<Ticker*>(data);
-  ticker.longest = std::max(ticker.longest, millisecondsSince(ticker.last));
-  ticker.last = Clock::now();
-  return G_SOURCE_CONTINUE;
-}
-
-// The longest time between two ticks that are due every millisecond.
 void longestStall(benchmark::State& state) {
   WebKitRuleListStore store(options());
   const std::string folder = folderFor("stall");
   for (auto step : state) {
     RuleListStore::Document document = documentOf(SIZE_MAX);
-    Ticker ticker;
-    const guint source = g_timeout_add(1, tick, &ticker);
+    const Ticker ticker;
     if (!compile(store, std::move(document), folder)) state.SkipWithError("WebKit refuses it");
-    g_source_remove(source);
-    state.counters["stall"] = ticker.longest;
+    state.counters["stall"] = ticker.longest();
+    state.counters["computed"] = ticker.mostComputed();
     fs::remove_all(folder);
+  }
+}
+
+// The same clock, for as long as that takes, beside as many processes that only fill memory.
+void stallBesideBusyProcesses(benchmark::State& state) {
+  for (auto step : state) {
+    std::vector<pid_t> processes;
+    for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); ++i) {
+      const pid_t process = ::fork();
+      if (process == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        (void)::nice(5);
+        for (std::size_t byte = 0;; ++byte) {
+          benchmark::DoNotOptimize(
+              std::vector<char>(std::size_t{1} << 22, static_cast<char>(byte)));
+        }
+      }
+      processes.push_back(process);
+    }
+    bool over = false;
+    g_timeout_add(
+        2500,
+        [](gpointer data) -> gboolean {
+          *static_cast<bool*>(data) = true;
+          return G_SOURCE_REMOVE;
+        },
+        &over);
+    const Ticker ticker;
+    while (!over) g_main_context_iteration(nullptr, TRUE);
+    state.counters["stall"] = ticker.longest();
+    for (const pid_t process : processes) {
+      ::kill(process, SIGKILL);
+      ::waitpid(process, nullptr, 0);
+    }
   }
 }
 
@@ -234,6 +293,7 @@ int runAll(int argc, char** argv) {
   few(benchmark::RegisterBenchmark("compileThroughStore", compileThroughStore));
   few(benchmark::RegisterBenchmark("loadInSecondProcess", loadInSecondProcess));
   few(benchmark::RegisterBenchmark("longestStall", longestStall));
+  few(benchmark::RegisterBenchmark("stallBesideBusyProcesses", stallBesideBusyProcesses));
   few(benchmark::RegisterBenchmark("checkRefused", checkRefused));
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
@@ -245,6 +305,9 @@ int runAll(int argc, char** argv) {
        {"Rule store: the same again, new process", "loadInSecondProcess", "", 60, "ms"},
        {"Rule store: longest stall of the main loop", "longestStall", "stall", 4, "ms"},
        {"tamselc check: 50 refused of 20,000, extra", "checkRefused", "extra", 1000, "ms"},
+       {"for comparison: stall beside busy processes", "stallBesideBusyProcesses", "stall", 0,
+        "ms"},
+       {"for comparison: computed in the stall", "longestStall", "computed", 0, "ms"},
        {"for comparison: compile through the store", "compileThroughStore", "", 0, "ms"},
        {"for comparison: compile in the bare store", "compileThroughStore", "bare", 0, "ms"}},
       "", std::getenv("TAMSEL_LISTS") != nullptr);
