@@ -20,8 +20,6 @@
 
 #include "platform/rulestore/helper/Protocol.h"
 
-extern char** environ;
-
 namespace tamsel {
 namespace {
 

@@ -339,7 +339,7 @@ class RuleListCompiler::Compilation {
                             std::size_t number, std::optional<StoreFolder::Part>& filter) {
     const StoreFolder::Source source{digestOf(document), source_.webKitVersion};
     const bool kept = job_.reuse && folder_.findPart(source, work_, number);
-    const Helper::Trial trial =
+    Helper::Trial trial =
         kept ? Helper::Trial{.compiled = true} : helper.compile(work_.filterName(number), document);
     if (trial.compiled) {
       if (::access(work_.filterFile(number).c_str(), F_OK) != 0) {
@@ -371,10 +371,10 @@ class RuleListCompiler::Compilation {
   Outcome compiled(std::vector<StoreFolder::Part> parts, bool unchanged) {
     std::sort(parts.begin(), parts.end(),
               [](const auto& a, const auto& b) { return a.number < b.number; });
-    return {{},
-            std::make_unique<const Compiled>(Compiled{std::move(folder_), std::move(work_),
-                                                      std::move(source_), std::move(parts),
-                                                      unchanged})};
+    Outcome outcome;
+    outcome.compiled = std::make_unique<const Compiled>(Compiled{
+        std::move(folder_), std::move(work_), std::move(source_), std::move(parts), unchanged});
+    return outcome;
   }
 
   const Options& options_;

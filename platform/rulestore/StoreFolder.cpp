@@ -143,7 +143,7 @@ StoreFolder::WorkFolder::~WorkFolder() {
 }
 
 std::string StoreFolder::WorkFolder::makeFolder(const std::string& name) const {
-  const std::string path = path_ + "/" + name;
+  std::string path = path_ + "/" + name;
   if (::mkdir(path.c_str(), S_IRWXU) != 0) throw Unusable(std::strerror(errno));
   return path;
 }

@@ -137,7 +137,7 @@ fix_addresses() {
   fi
   export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
   export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
-  export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
+  export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:suppressions=$root/script/lib/tsan.supp}
 }
 
 # The project's own C++ files, one a line, sorted.
