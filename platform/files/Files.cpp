@@ -81,10 +81,14 @@ Sink sinkTo(const Descriptor& file, const std::string& name) {
   return [&file, &name](std::string_view bytes) { writeAll(file.get(), bytes, name); };
 }
 
+void force(const Descriptor& file, const std::string& name, Durability durability) {
+  if (durability == Durability::onDisk && ::fsync(file.get()) != 0) fail("write", name, errno);
+}
+
 // Writes the bytes into a file that has no name until it is whole, and gives it one. Where the
 // file system has no nameless files, the name is there from the start.
 std::string writeBeside(const std::string& path, const std::function<void(const Sink&)>& produce,
-                        const mode_t* mode) {
+                        Durability durability, const mode_t* mode) {
   const std::string name = quoted(path);
   std::string temporary = temporaryName(path);
   constexpr mode_t allButUmask = 0666;
@@ -93,6 +97,7 @@ std::string writeBeside(const std::string& path, const std::function<void(const 
   if (nameless) {
     if (mode != nullptr) (void)::fchmod(nameless.get(), *mode);
     produce(sinkTo(nameless, name));
+    force(nameless, name, durability);
     const std::string link = "/proc/self/fd/" + std::to_string(nameless.get());
     if (::linkat(AT_FDCWD, link.c_str(), AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW) == 0) {
       return temporary;
@@ -104,6 +109,7 @@ std::string writeBeside(const std::string& path, const std::function<void(const 
   if (mode != nullptr) (void)::fchmod(named.get(), *mode);
   try {
     produce(sinkTo(named, name));
+    force(named, name, durability);
   } catch (...) {
     ::unlink(temporary.c_str());
     throw;
@@ -130,11 +136,13 @@ void writeAll(int descriptor, std::string_view bytes, std::string_view name) {
   }
 }
 
-void replace(const std::string& path, std::string_view bytes) {
-  replace(path, [bytes](const Sink& sink) { sink(bytes); });
+void replace(const std::string& path, std::string_view bytes, Durability durability) {
+  replace(
+      path, [bytes](const Sink& sink) { sink(bytes); }, durability);
 }
 
-void replace(const std::string& path, const std::function<void(const Sink&)>& produce) {
+void replace(const std::string& path, const std::function<void(const Sink&)>& produce,
+             Durability durability) {
   struct stat status {};
   const bool exists = ::stat(path.c_str(), &status) == 0;
   const std::string target = resolved(path);
@@ -150,11 +158,15 @@ void replace(const std::string& path, const std::function<void(const Sink&)>& pr
     return produce(sinkTo(file, name));
   }
   const mode_t mode = status.st_mode & 07777;
-  const std::string temporary = writeBeside(target, produce, exists ? &mode : nullptr);
+  const std::string temporary = writeBeside(target, produce, durability, exists ? &mode : nullptr);
   if (::rename(temporary.c_str(), target.c_str()) != 0) {
     const int error = errno;
     ::unlink(temporary.c_str());
     fail("write", quoted(path), error);
+  }
+  if (durability == Durability::onDisk) {
+    const Descriptor folder(::open(folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder) (void)::fsync(folder.get());  // the new name; not every file system can
   }
 }
 

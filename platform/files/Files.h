@@ -24,22 +24,31 @@ inline constexpr std::string_view standardInput = "-";
 /// What the names of files begin with that `replace` has not come to rename yet.
 inline constexpr std::string_view temporaryPrefix = ".tamsel-";
 
+/// What a file that was written survives besides the end of the program.
+enum class Durability {
+  /// Nothing: the system writes it to the disk when it comes to that.
+  untilWritten,
+  /// A crash of the system as well: it is on the disk before `replace` returns.
+  onDisk,
+};
+
 /// The whole file, or all of standard input for "-". Throws FileError.
 std::string read(const std::string& path);
 
 /// Replaces the file, or creates it, in one step: whoever reads it sees the old bytes or the new
 /// ones, and a failure leaves the old file and nothing else. So does a process that is killed,
 /// unless that happens in the moment between naming the new file and renaming it. Links are
-/// followed; what is no regular file (a terminal, a pipe) is written to directly. The bytes are not
-/// forced onto the disk. Throws FileError.
-void replace(const std::string& path, std::string_view bytes);
+/// followed; what is no regular file (a terminal, a pipe) is written to directly. Throws FileError.
+void replace(const std::string& path, std::string_view bytes,
+             Durability durability = Durability::untilWritten);
 
 /// Takes bytes for a file. Throws FileError.
 using Sink = std::function<void(std::string_view)>;
 
 /// The same with the bytes that `produce` hands to the sink it is given. Where the file system
 /// makes a second start necessary, `produce` is called again.
-void replace(const std::string& path, const std::function<void(const Sink&)>& produce);
+void replace(const std::string& path, const std::function<void(const Sink&)>& produce,
+             Durability durability = Durability::untilWritten);
 
 /// Writes to an open file. `name` is what an error calls it. Throws FileError.
 void writeAll(int descriptor, std::string_view bytes, std::string_view name);

@@ -1,12 +1,13 @@
 #include "platform/rulestore/WebKitRuleListStore.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include "platform/mainloop/MainLoop.h"
 
 namespace tamsel {
 namespace {
@@ -20,29 +21,6 @@ std::string webKitVersion() {
 RuleListCompiler::Options withVersion(RuleListCompiler::Options options) {
   if (!options.webKitVersion) options.webKitVersion = webKitVersion();
   return options;
-}
-
-// Has a main loop call the function once. GLib passes it on with memory synchronised; the flag says
-// the same in the language's own words, which tools that look for races understand.
-void callFrom(GMainContext* context, std::function<void()> function) {
-  struct Call {
-    std::function<void()> function;
-    std::atomic<bool> ready = false;
-  };
-  auto* call = new Call{std::move(function)};
-  call->ready.store(true, std::memory_order_release);
-  GSource* source = g_idle_source_new();
-  g_source_set_priority(source, G_PRIORITY_DEFAULT);
-  g_source_set_callback(
-      source,
-      [](gpointer data) -> gboolean {
-        const Call& due = *static_cast<Call*>(data);
-        if (due.ready.load(std::memory_order_acquire)) due.function();
-        return G_SOURCE_REMOVE;
-      },
-      call, [](gpointer data) { delete static_cast<Call*>(data); });
-  g_source_attach(source, context);
-  g_source_unref(source);
 }
 
 // Filters on their way from the folder into this process: asked for on the main thread, waited for
@@ -125,7 +103,7 @@ class WebKitRuleListStore::Job : public std::enable_shared_from_this<Job> {
       thread_ = std::thread([this] { run(); });
     } catch (const std::system_error&) {
       result_ = Error{"The system has no thread left for compiling the list.", {}};
-      callFrom(context_, [job = shared_from_this()] { job->complete(); });
+      MainLoop::call(context_, [job = shared_from_this()] { job->complete(); });
     }
   }
 
@@ -141,7 +119,7 @@ class WebKitRuleListStore::Job : public std::enable_shared_from_this<Job> {
   void run() {
     result_ = compile();
     request_.document = {};  // what may be megabytes is not freed on the main thread
-    callFrom(context_, [job = shared_from_this()] { job->complete(); });
+    MainLoop::call(context_, [job = shared_from_this()] { job->complete(); });
   }
 
   Result compile() {
@@ -180,9 +158,8 @@ class WebKitRuleListStore::Job : public std::enable_shared_from_this<Job> {
     }
     const auto loading = std::make_shared<Loading>(compiled.parts.size());
     loadings_.push_back(loading);
-    callFrom(context_, [loading, folder = compiled.work.path(), names = compiled.filterNames()] {
-      loading->start(folder, names);
-    });
+    MainLoop::call(context_, [loading, folder = compiled.work.path(),
+                              names = compiled.filterNames()] { loading->start(folder, names); });
     if (!loading->wait(stop_.get_token())) {
       throw RuleListCompiler::Stopped("The compilation was stopped.");
     }

@@ -27,7 +27,8 @@ packages_for() {
   case $1 in
     build)
       echo g++ cmake ninja-build pkg-config libicu-dev libxxhash-dev libsimdjson-dev \
-        nlohmann-json3-dev libcli11-dev libwebkitgtk-6.0-dev libgtest-dev libgmock-dev
+        nlohmann-json3-dev libcli11-dev libwebkitgtk-6.0-dev \
+        libsoup-3.0-dev libsigc++-3.0-dev libgtest-dev libgmock-dev
       ;;
     bench) echo libbenchmark-dev ;;
     fuzz) echo clang llvm ;;
