@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -23,6 +22,7 @@
 
 #include "bench/ListFiles.h"
 #include "bench/Table.h"
+#include "bench/Ticker.h"
 #include "compiler/FilterCompiler.h"
 #include "compiler/RuleDocument.h"
 #include "platform/files/Files.h"
@@ -34,12 +34,6 @@ namespace tamsel::bench {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-
-double millisecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 // The document of the first lists, cut to what WebKit takes.
 RuleListStore::Document documentOf(std::size_t lists) {
   std::vector<std::string> texts;
@@ -163,41 +157,6 @@ void loadInSecondProcess(benchmark::State& state) {
     state.SetIterationTime(std::atof(milliseconds.c_str()) / 1e3);
   }
 }
-
-// Counts on a main loop every millisecond.
-class Ticker {
- public:
-  Ticker() : source_(g_timeout_add(1, tick, this)) {}
-  ~Ticker() { g_source_remove(source_); }
-  Ticker(const Ticker&) = delete;
-  Ticker& operator=(const Ticker&) = delete;
-
-  // The longest time between two ticks, and the most that this thread computed in one, in ms. What
-  // lies between them is the system's: it gave the processor to somebody else.
-  double longest() const { return longest_; }
-  double mostComputed() const { return mostComputed_; }
-
- private:
-  static double computed() {
-    timespec time{};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
-  }
-
-  static gboolean tick(gpointer data) {
-    auto& ticker = *static_cast<Ticker*>(data);
-    ticker.longest_ = std::max(ticker.longest_, millisecondsSince(ticker.last_));
-    ticker.mostComputed_ = std::max(ticker.mostComputed_, computed() - ticker.lastComputed_);
-    ticker.last_ = Clock::now();
-    ticker.lastComputed_ = computed();
-    return G_SOURCE_CONTINUE;
-  }
-
-  guint source_;
-  Clock::time_point last_ = Clock::now();
-  double lastComputed_ = computed();
-  double longest_ = 0, mostComputed_ = 0;
-};
 
 void longestStall(benchmark::State& state) {
   WebKitRuleListStore store(options());

@@ -216,8 +216,8 @@ Task<void> AppState::performRebuild() {
   }
   sources.push_back({Starter::customID, customRulesName, *customRules});
 
-  Parsed parsed =
-      co_await detached([sources = std::move(sources)] { return parseUpToLimit(sources); });
+  auto parsing = detached([sources = std::move(sources)] { return parseUpToLimit(sources); });
+  Parsed parsed = co_await parsing;
   Rebuild rebuild;
   rebuild.rules.value = std::move(parsed.output.rules);
   rebuild.skipped.value = std::move(parsed.output.skipped);
@@ -228,14 +228,15 @@ Task<void> AppState::performRebuild() {
   if (!rebuild.rules.value.empty()) {
     // As long as WebKit refuses a certain rule, it is tried again without that one.
     for (int attempt = 0;; ++attempt) {
-      Encoded encoded = co_await detached(
+      auto encoding = detached(
           [rules = std::move(rebuild.rules.value)]() mutable { return encode(std::move(rules)); });
+      Encoded encoded = co_await encoding;
       rebuild.rules.value = std::move(encoded.rules);
       rebuild.document = std::move(encoded.document);
       if (co_await IsCancelled()) co_return;
 
-      const RuleListStore::Result result =
-          co_await compiled(platform_.ruleListStore, platform_.supportDir, rebuild.document);
+      auto compiling = compiled(platform_.ruleListStore, platform_.supportDir, rebuild.document);
+      const RuleListStore::Result result = co_await compiling;
       const auto* error = std::get_if<RuleListStore::Error>(&result);
       if (error == nullptr) {
         rebuild.compiled = std::get<std::shared_ptr<const RuleList>>(result);
@@ -250,10 +251,11 @@ Task<void> AppState::performRebuild() {
         break;
       }
 
-      Shortened shortened =
-          co_await detached([rules = std::move(rebuild.rules.value), index = *index]() mutable {
+      auto shortening =
+          detached([rules = std::move(rebuild.rules.value), index = *index]() mutable {
             return without(std::move(rules), index);
           });
+      Shortened shortened = co_await shortening;
       rebuild.rules.value = std::move(shortened.rules);
       ++rebuild.skippedCounts[shortened.removed.listID];
       rebuild.skipped.value.push_back(std::move(shortened.removed));
@@ -265,10 +267,11 @@ Task<void> AppState::performRebuild() {
     }
   }
 
-  rebuild.result = co_await detached([rules = std::move(rebuild.rules.value),
-                                      counts = std::move(rebuild.skippedCounts)]() mutable {
+  auto matching = detached([rules = std::move(rebuild.rules.value),
+                            counts = std::move(rebuild.skippedCounts)]() mutable {
     return countAndMatch(std::move(rules), counts);
   });
+  rebuild.result = co_await matching;
   publish(rebuild);
 }
 

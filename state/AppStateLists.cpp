@@ -112,7 +112,8 @@ Task<std::optional<std::string>> AppState::addListFromAddress(std::string name,
   }
   Text downloaded;
   try {
-    downloaded = co_await download(text);
+    auto downloading = download(text);
+    downloaded = co_await downloading;
   } catch (const std::runtime_error& error) {
     co_return std::string("Download failed: ") + error.what();
   }
@@ -166,7 +167,8 @@ Task<void> AppState::performRefresh(std::optional<Uuid> id) {
     std::optional<Text> text;
     std::string error;
     try {
-      text = co_await download(target.url);
+      auto downloading = download(target.url);
+      text = co_await downloading;
     } catch (const std::runtime_error& failure) {
       error = failure.what();
       ++failures;
@@ -200,13 +202,15 @@ Task<void> AppState::performRefresh(std::optional<Uuid> id) {
 }
 
 Task<Text> AppState::download(std::string url) {
-  HttpClient::Response response = co_await platform_.httpClient.get(std::move(url));
+  auto transfer = platform_.httpClient.get(std::move(url));
+  HttpClient::Response response = co_await transfer;
   if (response.status < firstGoodStatus || response.status >= firstBadStatus) {
     throw std::runtime_error("HTTP " + std::to_string(response.status));
   }
-  co_return co_await detached([body = std::move(response.body)]() mutable {
+  auto decoding = detached([body = std::move(response.body)]() mutable {
     return Text(Unicode::repaired(std::move(body)));
   });
+  co_return co_await decoding;
 }
 
 bool AppState::isPaused(std::string_view host) const {
@@ -234,21 +238,22 @@ void AppState::exportJSON() {
 }
 
 Task<void> AppState::performExport() {
-  const std::optional<std::string> path = co_await platform_.savePanel.ask(
+  auto asking = platform_.savePanel.ask(
       {.fileName = "Tamsel-content-blocker.json",
        .message = "Saves the compiled WebKit content blocker JSON. Safari itself is not changed.",
        .mediaType = "application/json"});
+  const std::optional<std::string> path = co_await asking;
   if (!path) co_return;
   const std::size_t rules = totalRules;
-  const std::optional<std::string> error =
-      co_await detached([path = *path, document = exportData_]() -> std::optional<std::string> {
-        try {
-          Files::replace(path, document->view());
-          return std::nullopt;
-        } catch (const Files::FileError& failure) {
-          return failure.what();
-        }
-      });
+  auto writing = detached([path = *path, document = exportData_]() -> std::optional<std::string> {
+    try {
+      Files::replace(path, document->view());
+      return std::nullopt;
+    } catch (const Files::FileError& failure) {
+      return failure.what();
+    }
+  });
+  const std::optional<std::string> error = co_await writing;
   statusMessage = error ? "Export failed: " + *error
                         : "Exported " + std::to_string(rules) + " rules to " +
                               std::filesystem::path(*path).filename().string() + ".";

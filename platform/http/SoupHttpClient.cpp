@@ -36,7 +36,7 @@ Task<HttpClient::Response> SoupHttpClient::get(std::string url) try {
   const ObjectPointer<SoupMessage> message(soup_message_new("GET", url.c_str()));
   if (!message) throw TransportError("The address is not valid.");
 
-  const ObjectPointer<GInputStream> stream = co_await gioCall(
+  auto sending = gioCall(
       [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
         soup_session_send_async(session.get(), message.get(), G_PRIORITY_DEFAULT, cancellable,
                                 callback, data);
@@ -45,11 +45,12 @@ Task<HttpClient::Response> SoupHttpClient::get(std::string url) try {
         return ObjectPointer<GInputStream>(
             soup_session_send_finish(SOUP_SESSION(source), result, error));
       });
+  const ObjectPointer<GInputStream> stream = co_await sending;
 
   Response response{soup_message_get_status(message.get()), {}};
   while (true) {
     constexpr gsize step = gsize{1} << 16;
-    const BytesPointer bytes = co_await gioCall(
+    auto reading = gioCall(
         [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
           g_input_stream_read_bytes_async(stream.get(), step, G_PRIORITY_DEFAULT, cancellable,
                                           callback, data);
@@ -58,6 +59,7 @@ Task<HttpClient::Response> SoupHttpClient::get(std::string url) try {
           return BytesPointer(
               g_input_stream_read_bytes_finish(G_INPUT_STREAM(source), result, error));
         });
+    const BytesPointer bytes = co_await reading;
     const std::string_view piece = viewOf(bytes.get());
     if (piece.empty()) break;
     if (piece.size() > maxBodyLength - response.body.size()) {

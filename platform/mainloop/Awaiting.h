@@ -14,6 +14,9 @@
 #include "platform/mainloop/MainLoop.h"
 
 /// What a Task can wait for. Whatever comes for a task that has been destroyed is dropped.
+///
+/// Name it before you wait for it: `auto parsing = detached(…); … = co_await parsing;`. GCC 12
+/// destroys some temporaries in the operand of co_await twice, among them functions with captures.
 namespace tamsel {
 
 namespace detail {
@@ -39,7 +42,17 @@ class Awaiter {
   Awaiter& operator=(const Awaiter&) = delete;
   ~Awaiter() { wait_->task = {}; }
 
-  bool await_ready() const noexcept { return false; }
+  // The named one itself waits.
+  struct Reference {
+    Awaiter* awaiter;
+    bool await_ready() const noexcept { return false; }
+    void await_suspend(std::coroutine_handle<> task) { awaiter->await_suspend(task); }
+    T await_resume() { return awaiter->await_resume(); }
+  };
+  Reference operator co_await() & noexcept { return {this}; }
+  void operator co_await() && = delete;
+
+ private:
   void await_suspend(std::coroutine_handle<> task) {
     wait_->task = task;
     // The task may be gone, and this with it, before `start` returns.
@@ -54,15 +67,14 @@ class Awaiter {
     return std::move(std::get<T>(wait_->answer));
   }
 
- private:
   Start start_;
   std::shared_ptr<Wait<T>> wait_ = std::make_shared<Wait<T>>();
 };
 
 }  // namespace detail
 
-/// `co_await detached(f)` runs `f`, which returns a value, on a worker and goes on with its result,
-/// or exception, on the main loop. What `f` needs it owns.
+/// Waiting for `detached(f)` runs `f`, which returns a value, on a worker and goes on with its
+/// result, or exception, on the main loop. What `f` needs it owns.
 template <typename Function>
 auto detached(Function function) {
   using T = std::invoke_result_t<Function&>;
@@ -90,7 +102,7 @@ void freeOnWorker(T value) {
       [kept = std::make_shared<T>(std::move(value))]() mutable { kept.reset(); });
 }
 
-/// `co_await answerOf<T>(start)` calls `start` with a function and goes on when that is called,
+/// Waiting for `answerOf<T>(start)` calls `start` with a function and goes on when that is called,
 /// once, on the main thread, with a T.
 template <typename T>
 auto answerOf(std::function<void(std::function<void(T)>)> ask) {
@@ -113,10 +125,10 @@ class GioError : public std::runtime_error {
   int code;
 };
 
-/// `co_await gioCall(begin, finish)` waits for a GIO operation. `begin` takes the GCancellable, the
-/// GAsyncReadyCallback and its data; `finish` the source object, the GAsyncResult and the GError**,
-/// and returns what the task goes on with. Throws GioError. The operation is cancelled when the
-/// task is destroyed.
+/// Waiting for `gioCall(begin, finish)` is waiting for a GIO operation. `begin` takes the
+/// GCancellable, the GAsyncReadyCallback and its data; `finish` the source object, the GAsyncResult
+/// and the GError**, and returns what the task goes on with. Throws GioError. The operation is
+/// cancelled when the task is destroyed.
 template <typename Begin, typename Finish>
 auto gioCall(Begin begin, Finish finish) {
   using T = std::invoke_result_t<Finish&, GObject*, GAsyncResult*, GError**>;

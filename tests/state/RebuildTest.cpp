@@ -1,0 +1,378 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "platform/http/SoupHttpClient.h"
+#include "platform/rulestore/WebKitRuleListStore.h"
+#include "state/AppState.h"
+#include "state/StarterList.h"
+#include "tests/support/AppFakes.h"
+#include "tests/support/LoopbackServer.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace tamsel {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using test::runUntil;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Error = RuleListStore::Error;
+using Result = RuleListStore::Result;
+
+constexpr std::size_t starterRules = 36;
+
+// Answers when it is told to.
+class PatientStore : public RuleListStore {
+ public:
+  void compile(Request request, std::function<void(Result)> completion) override {
+    waiting.push_back({std::move(request), std::move(completion)});
+  }
+
+  struct Waiting {
+    Request request;
+    std::function<void(Result)> completion;
+  };
+  std::vector<Waiting> waiting;
+};
+
+std::string lines(std::size_t count) {
+  std::string text;
+  for (std::size_t i = 0; i < count; ++i) text += "##.a" + std::to_string(i) + "\n";
+  return text;
+}
+
+class RebuildTest : public testing::Test {
+ protected:
+  std::unique_ptr<AppState> start(RuleListStore& in) {
+    auto newBrowser = std::make_unique<test::FakeBrowser>();
+    browser = newBrowser.get();
+    return std::make_unique<AppState>(
+        AppState::Platform{folder.path(), in, http, panel, std::move(newBrowser)});
+  }
+
+  // With only the text as custom rules.
+  std::unique_ptr<AppState> startWith(RuleListStore& in, const std::string& text) {
+    auto app = start(in);
+    runUntil([&] { return !*app->isCompiling; });
+    app->customRules = text;
+    app->lists.modify([](auto& lists) { lists[0].enabled = false; });
+    return app;
+  }
+
+  static void rebuild(AppState& app) {
+    app.rebuild();
+    EXPECT_TRUE(*app.isCompiling);
+    runUntil([&] { return !*app.isCompiling; });
+  }
+
+  const test::TemporaryFolder folder;
+  test::FakeRuleListStore store;
+  test::FakeHttpClient http;
+  test::FakeSavePanel panel;
+  test::FakeBrowser* browser = nullptr;
+};
+
+TEST_F(RebuildTest, PublishesWhatBecameOfTheLists) {
+  const auto app = start(store);
+  EXPECT_TRUE(*app->isCompiling);
+  EXPECT_EQ(app->engine(), nullptr);
+  runUntil([&] { return !*app->isCompiling; });
+  EXPECT_EQ(*app->totalRules, starterRules);
+  EXPECT_EQ(*app->statusMessage, "Compiled 36 rules.");
+  EXPECT_EQ(app->stats->at(Starter::id), (ListStats{28, 2, 6, 6}));
+  EXPECT_EQ(app->stats->size(), 1);
+  EXPECT_EQ(app->skipped->size(), 6);
+  EXPECT_FALSE(*app->truncated);
+  EXPECT_EQ(*app->compileError, std::nullopt);
+  EXPECT_THAT(browser->ruleLists, ElementsAre(testing::NotNull()));
+  const auto verdict = app->engine()->evaluate("https://ads.example.com/x", {}, "image");
+  EXPECT_TRUE(verdict.block);
+
+  app->customRules = "||own.example^\nown.example#?#div:has-text(x)";
+  rebuild(*app);
+  EXPECT_EQ(app->stats->at(Starter::customID), (ListStats{2, 0, 0, 1}));
+  EXPECT_EQ(app->skipped->back().listName, "Custom rules");
+  EXPECT_EQ(*app->statusMessage, "Compiled 38 rules.");
+}
+
+TEST_F(RebuildTest, AsksNoStoreWhenThereIsNoRule) {
+  const auto app = startWith(store, "! nothing");
+  const std::size_t asked = store.documents.size();
+  rebuild(*app);
+  EXPECT_EQ(store.documents.size(), asked);
+  EXPECT_EQ(*app->statusMessage, "Compiled 0 rules.");
+  EXPECT_EQ(browser->ruleLists.back(), nullptr);
+  EXPECT_THAT(*app->stats, IsEmpty());
+}
+
+TEST_F(RebuildTest, GoesOnWithoutARuleThatIsRefused) {
+  const auto app = startWith(store, lines(20));
+  store.documents.clear();
+  store.answer = [this](const RuleListStore::Request&) {
+    return store.documents.size() == 1 ? Result(Error{"WebKit said: index 7", ""})
+                                       : Result(std::make_shared<const RuleList>());
+  };
+  rebuild(*app);
+  ASSERT_EQ(store.documents.size(), 2);
+  EXPECT_THAT(store.documents[0], HasSubstr(".a7\""));
+  EXPECT_THAT(store.documents[1], testing::Not(HasSubstr(".a7\"")));
+  ASSERT_EQ(app->skipped->size(), 1);
+  EXPECT_EQ(app->skipped->at(0).line, "##.a7");
+  EXPECT_EQ(app->skipped->at(0).reason, "Rejected by WebKit when compiling");
+  EXPECT_EQ(app->skipped->at(0).listID, Starter::customID);
+  EXPECT_EQ(app->stats->at(Starter::customID), (ListStats{0, 0, 19, 1}));
+  EXPECT_EQ(*app->statusMessage, "Compiled 19 rules.");
+
+  // The number may stand in the detail.
+  store.documents.clear();
+  store.answer = [this](const RuleListStore::Request&) {
+    return store.documents.size() == 1 ? Result(Error{"Refused", "RULE: #12"})
+                                       : Result(std::make_shared<const RuleList>());
+  };
+  rebuild(*app);
+  EXPECT_EQ(app->skipped->at(0).line, "##.a12");
+}
+
+TEST_F(RebuildTest, FailsInTheStoresWords) {
+  const auto app = startWith(store, lines(50));
+  const std::string giveUp = "WebKit could not compile the rule list.";
+  const std::tuple<Result, std::string, std::size_t, std::size_t> cases[] = {
+      {Error{"No number here", "none"}, "No number here", 1, 50},
+      {Error{"rule 50", ""}, "rule 50", 1, 50},
+      {Error{"rule 99999999999999999999", ""}, "rule 99999999999999999999", 1, 50},
+      {Error{"rule 0", ""}, giveUp, 40, 10},
+      {std::shared_ptr<const RuleList>(), giveUp, 1, 50},
+  };
+  for (const auto& [result, message, attempts, left] : cases) {
+    store.documents.clear();
+    store.answer = [&result = result](const RuleListStore::Request&) { return result; };
+    rebuild(*app);
+    EXPECT_EQ(*app->compileError, message);
+    EXPECT_EQ(*app->statusMessage, "Compile failed.");
+    EXPECT_EQ(store.documents.size(), attempts) << message;
+    EXPECT_EQ(*app->totalRules, left) << message;
+    EXPECT_EQ(app->skipped->size(), 50 - left) << message;
+    EXPECT_EQ(browser->ruleLists.back(), nullptr);
+    EXPECT_NE(app->engine(), nullptr);
+  }
+  // All rules refused, one after the other: in the end there is an empty document.
+  app->customRules = lines(3);
+  store.documents.clear();
+  store.answer = [this](const RuleListStore::Request&) {
+    return store.documents.back() == "[]" ? Result(std::make_shared<const RuleList>())
+                                          : Result(Error{"index 0", ""});
+  };
+  rebuild(*app);
+  EXPECT_EQ(*app->statusMessage, "Compiled 0 rules.");
+  EXPECT_EQ(*app->compileError, std::nullopt);
+}
+
+TEST_F(RebuildTest, HandsOverNoMoreThanTheLimit) {
+  const auto app = startWith(store, lines(150001));
+  rebuild(*app);
+  EXPECT_TRUE(*app->truncated);
+  EXPECT_EQ(*app->totalRules, 150000);
+  EXPECT_EQ(app->stats->at(Starter::customID).cosmetic, 150000);
+  app->customRules = lines(150000);
+  rebuild(*app);
+  EXPECT_FALSE(*app->truncated);
+  EXPECT_EQ(*app->totalRules, 150000);
+}
+
+TEST_F(RebuildTest, IsCancelledByTheNextOneUntilItAsksTheStore) {
+  PatientStore patient;
+  const auto app = start(patient);
+  app->rebuild();
+  app->rebuild();
+  runUntil([&] { return !patient.waiting.empty(); });
+  EXPECT_TRUE(*app->isCompiling);
+
+  // Those that the store works for go on, and publish in the order in which they finish.
+  app->customRules = "||own.example^";
+  app->rebuild();
+  runUntil([&] { return patient.waiting.size() == 2; });
+  patient.waiting[1].completion(std::make_shared<const RuleList>());
+  runUntil([&] { return !*app->isCompiling; });
+  EXPECT_EQ(*app->totalRules, starterRules + 2);
+  patient.waiting[0].completion(Error{"late", ""});
+  runUntil([&] { return *app->statusMessage == "Compile failed."; });
+  EXPECT_EQ(*app->totalRules, starterRules);
+  EXPECT_EQ(browser->ruleLists.size(), 2);
+}
+
+TEST_F(RebuildTest, EndsWithTheApplication) {
+  PatientStore patient;
+  for (const bool asked : {false, true}) {
+    auto app = start(patient);
+    if (asked) runUntil([&] { return !patient.waiting.empty(); });
+    app->refresh({});
+    app.reset();
+    for (auto& waiting : patient.waiting) waiting.completion(Error{"late", ""});
+  }
+  while (g_main_context_iteration(nullptr, FALSE) != 0) {
+  }
+}
+
+TEST_F(RebuildTest, FindsTheIndexInAnErrorsText) {
+  const std::pair<std::string, std::optional<std::size_t>> cases[] = {
+      {"Error at index 7", 7},
+      {"RULE: #12", 12},
+      {"rule" + std::string(20, ' ') + "3", 3},
+      {"rule" + std::string(21, ' ') + "3", std::nullopt},
+      {"rule" + std::string(21, ' ') + "index 4", 4},
+      {"The rule was refused", std::nullopt},
+      {"", std::nullopt},
+      {"schedules 5", std::nullopt},
+      {"Rule 17 was refused: 18", 17},
+      {"index ä\n\u200B 6", 6},
+      {"rule 00012", 12},
+      {"rule \u0663", std::nullopt},  // a digit that no computer counts with
+      {"rule 18446744073709551616", std::nullopt},
+      {"no\0rule 5"s, 5},
+  };
+  for (const auto& [text, index] : cases) EXPECT_EQ(AppState::badRuleIndex(text), index) << text;
+}
+
+// From here on with the real WebKit, and a real server.
+class RealRebuildTest : public RebuildTest {
+ protected:
+  RuleListCompiler::Options options() const {
+    return {.helper = TAMSEL_RULE_COMPILER_PATH, .defaultFolder = folder.path() + "/default"};
+  }
+};
+
+TEST_F(RealRebuildTest, SkipsWhatWebKitRefuses) {
+  WebKitRuleListStore real(options());
+  const std::vector<std::string> refused = {"/[a-\\xff]/$image", "/a(b/$image",
+                                            "/a..................b/$image", "##[title=\"",
+                                            "##div[style*=x"};
+  std::string text = "||good.example^$image\n##.good\n";
+  for (const std::string& line : refused) text += line + "\n";
+  const auto app = startWith(real, text);
+  rebuild(*app);
+  EXPECT_EQ(*app->compileError, std::nullopt);
+  EXPECT_EQ(*app->statusMessage, "Compiled 2 rules.");
+  std::vector<std::string> lines;
+  for (const SkippedRule& skipped : *app->skipped) {
+    EXPECT_EQ(skipped.reason, "Rejected by WebKit when compiling");
+    lines.push_back(skipped.line.string());
+  }
+  EXPECT_THAT(lines, testing::UnorderedElementsAreArray(refused));
+  const auto list = std::dynamic_pointer_cast<const WebKitRuleList>(browser->ruleLists.back());
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(list->filters().size(), 1);
+
+  std::string many = "##.good\n";
+  for (int i = 0; i < 41; ++i) many += "##[a" + std::to_string(i) + "=\"\n";
+  app->customRules = many;
+  rebuild(*app);
+  EXPECT_EQ(*app->statusMessage, "Compile failed.");
+  EXPECT_EQ(*app->compileError, "WebKit could not compile the rule list.");
+  EXPECT_EQ(*app->totalRules, 2);
+  EXPECT_EQ(app->skipped->size(), 40);
+}
+
+TEST_F(RealRebuildTest, StartsWithWhatWasCompiledBefore) {
+  {
+    WebKitRuleListStore real(options());
+    const auto app = start(real);
+    runUntil([&] { return !*app->isCompiling; });
+    EXPECT_EQ(*app->statusMessage, "Compiled 36 rules.");
+  }
+  RuleListCompiler::Options without = options();
+  without.helper = "/missing";
+  WebKitRuleListStore real(without);
+  const auto app = start(real);
+  runUntil([&] { return !*app->isCompiling; });
+  EXPECT_EQ(*app->statusMessage, "Compiled 36 rules.");
+  app->customRules = "||new.example^";
+  rebuild(*app);
+  EXPECT_THAT(**app->compileError, HasSubstr("cannot be started"));
+  EXPECT_NE(app->engine(), nullptr);
+}
+
+TEST_F(RealRebuildTest, FiltersWithoutItsStoreFolder) {
+  WebKitRuleListStore real(options());
+  std::ofstream(folder.path() + "/RuleStore") << "garbage";
+  const auto app = start(real);
+  runUntil([&] { return !*app->isCompiling; });
+  EXPECT_EQ(*app->statusMessage, "Compiled 36 rules.");
+  EXPECT_TRUE(fs::exists(folder.path() + "/default/TamselRules"));
+}
+
+TEST_F(RealRebuildTest, KeepsAListFromAServerUpToDate) {
+  WebKitRuleListStore real(options());
+  SoupHttpClient client(std::chrono::seconds(1));
+  test::LoopbackServer server;
+  auto newBrowser = std::make_unique<test::FakeBrowser>();
+  AppState app({folder.path(), real, client, panel, std::move(newBrowser)});
+  const auto settle = [&app] { runUntil([&] { return !*app.isCompiling && !*app.isRefreshing; }); };
+  settle();
+
+  server.body = "! Title: Served\n||one.example^\n";
+  std::optional<std::string> answer = "waiting";
+  TaskScope scope;
+  const auto add = [&](const std::string& path) -> Task<void> {
+    auto adding = app.addListFromAddress("", server.url() + path);
+    answer = co_await adding;
+  };
+  scope.add(add("/list.txt"));
+  runUntil([&] { return scope.isEmpty(); });
+  EXPECT_EQ(answer, std::nullopt);
+  settle();
+  ASSERT_EQ(app.lists->size(), 2);
+  EXPECT_EQ(app.lists->back().name, "Served");
+  const Uuid id = app.lists->back().id;
+  EXPECT_EQ(*app.totalRules, starterRules + 2);
+
+  // What the server does, what that makes of the list, and the error.
+  const std::tuple<test::LoopbackServer::Behaviour, std::string, std::size_t, std::string> cases[] =
+      {
+          {test::LoopbackServer::answers, "||two.example^\n||three.example^\n", 4, ""},
+          {test::LoopbackServer::notFound, "", 4, "HTTP 404"},
+          {test::LoopbackServer::redirects, "##.moved\n", 1, ""},
+          {test::LoopbackServer::answers, "/served\n\xff\n", 2, ""},
+          {test::LoopbackServer::hangs, "", 2, "Socket I/O timed out"},
+          {test::LoopbackServer::breaksOff, "##.cut\n", 2, "*"},
+          {test::LoopbackServer::answers, "", 0, ""},
+      };
+  for (const auto& [behaviour, body, rules, error] : cases) {
+    server.behaviour = behaviour;
+    server.body = body;
+    app.refresh(id);
+    settle();
+    const FilterList& list = app.lists->back();
+    EXPECT_EQ(*app.totalRules, starterRules + rules) << body;
+    if (error == "*") {
+      EXPECT_TRUE(list.lastError);
+    } else {
+      EXPECT_EQ(list.lastError.value_or(""), error);
+    }
+    EXPECT_EQ(list.name, "Served");
+  }
+
+  server.behaviour = test::LoopbackServer::notFound;
+  scope.add(add("/other"));
+  runUntil([&] { return scope.isEmpty(); });
+  EXPECT_EQ(answer, "Download failed: HTTP 404");
+
+  // Removed while it is being refreshed, which happens twice at once.
+  server.behaviour = test::LoopbackServer::answers;
+  server.body = "||late.example^\n";
+  app.refresh({});
+  app.refresh({});
+  app.remove(id);
+  settle();
+  EXPECT_EQ(app.lists->size(), 1);
+  runUntil([&] { return *app.statusMessage == "Compiled 36 rules."; });
+}
+
+}  // namespace
+}  // namespace tamsel
