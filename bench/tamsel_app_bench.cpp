@@ -113,7 +113,7 @@ void rebuildUnchanged(benchmark::State& state) {
 // One line of the custom rules has.
 void rebuildChanged(benchmark::State& state) {
   Application& running = application();
-  int round = 0;
+  static int round = 0;
   for (auto step : state) {
     running.app.customRules = "||changed" + std::to_string(++round) + ".example^";
     const Ticker ticker;
@@ -149,7 +149,9 @@ void memoryOfRebuilds(benchmark::State& state) {
 
 void save(benchmark::State& state) {
   constexpr std::size_t listLength = 2000000;
-  Application running(ListFiles::get().scratch() / "Saving");
+  const std::string folder = ListFiles::get().scratch() / "Saving";
+  fs::remove_all(folder);
+  Application running(folder);
   std::string text = Files::read(ListFiles::get().paths()[0]);
   while (text.size() < listLength) text += text;
   text.resize(listLength);

@@ -1,26 +1,101 @@
 #include "state/Persisted.h"
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <utility>
+
+#include "compiler/Unicode.h"
 
 namespace tamsel {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;
 
 // 2001-01-01 00:00:00 UTC, in seconds since 1970.
 constexpr double referenceDate = 978307200;
 
-Json encodeList(const FilterList& list) {
-  Json json = {{"id", list.id.string()}, {"name", list.name}};
-  if (list.url) json["url"] = *list.url;
-  json["text"] = list.text.view();
-  json["enabled"] = list.enabled;
-  if (list.updated) json["updated"] = list.updated->seconds;
-  json["isBuiltIn"] = list.isBuiltIn;
-  if (list.lastError) json["lastError"] = *list.lastError;
-  return json;
+// Appends to a JSON text. The lists' texts are megabytes of plain characters, which are copied in
+// runs.
+class Writer {
+ public:
+  void raw(std::string_view text) { json_ += text; }
+
+  void string(std::string_view text) {
+    json_ += '"';
+    if (Unicode::isAscii(text)) {
+      escaped(text);
+    } else {
+      escaped(Unicode::repaired(std::string(text)));
+    }
+    json_ += '"';
+  }
+
+  // `,"name":` behind which a value is to follow.
+  void name(std::string_view member) {
+    json_ += json_.ends_with('{') ? "\"" : ",\"";
+    json_ += member;
+    json_ += "\":";
+  }
+  void member(std::string_view memberName, std::string_view value) {
+    name(memberName);
+    string(value);
+  }
+  void member(std::string_view memberName, bool value) {
+    name(memberName);
+    json_ += value ? "true" : "false";
+  }
+  void member(std::string_view memberName, double value) {
+    name(memberName);
+    json_ += Json(value).dump();
+  }
+
+  std::string take() { return std::move(json_); }
+
+ private:
+  void escaped(std::string_view text) {
+    while (!text.empty()) {
+      const auto special = std::find_if(text.begin(), text.end(), [](char c) {
+        return c == '"' || c == '\\' || c == '/' || static_cast<unsigned char>(c) < 0x20;
+      });
+      const auto plain = static_cast<std::size_t>(special - text.begin());
+      json_ += text.substr(0, plain);
+      text.remove_prefix(plain);
+      if (text.empty()) return;
+      escape(text.front());
+      text.remove_prefix(1);
+    }
+  }
+
+  void escape(char c) {
+    constexpr std::string_view plain = "\"\\/\b\t\n\f\r";
+    constexpr std::string_view letters = "\"\\/btnfr";
+    constexpr std::string_view digits = "0123456789abcdef";
+    json_ += '\\';
+    if (const std::size_t at = plain.find(c); at != std::string_view::npos) {
+      json_ += letters[at];
+    } else {
+      json_ += "u00";
+      json_ += digits[static_cast<std::size_t>(c) >> 4];
+      json_ += digits[static_cast<std::size_t>(c) & 0xF];
+    }
+  }
+
+  std::string json_;
+};
+
+void write(Writer& writer, const FilterList& list) {
+  writer.raw("{");
+  writer.member("id", list.id.string());
+  writer.member("name", list.name);
+  if (list.url) writer.member("url", *list.url);
+  writer.member("text", list.text.view());
+  writer.member("enabled", list.enabled);
+  if (list.updated) writer.member("updated", list.updated->seconds);
+  writer.member("isBuiltIn", list.isBuiltIn);
+  if (list.lastError) writer.member("lastError", *list.lastError);
+  writer.raw("}");
 }
 
 // The library converts between numbers and truth values; a state file must have the type itself.
@@ -62,20 +137,6 @@ FilterList decodeList(const Json& json) {
   return list;
 }
 
-// Outside strings JSON has no "/".
-std::string withEscapedSlashes(std::string_view json) {
-  std::string escaped;
-  escaped.reserve(json.size() + json.size() / 16);
-  while (!json.empty()) {
-    const std::size_t slash = json.find('/');
-    escaped += json.substr(0, slash);
-    if (slash == std::string_view::npos) break;
-    escaped += "\\/";
-    json.remove_prefix(slash + 1);
-  }
-  return escaped;
-}
-
 }  // namespace
 
 Date Date::now() {
@@ -84,10 +145,23 @@ Date Date::now() {
 }
 
 std::string Persisted::encode() const {
-  Json json = {{"lists", Json::array()}, {"customRules", customRules}};
-  for (const FilterList& list : lists) json["lists"].push_back(encodeList(list));
-  json["pausedSites"] = pausedSites;
-  return withEscapedSlashes(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+  Writer writer;
+  const auto writeAll = [&writer](const auto& values, const auto& writeOne) {
+    writer.raw("[");
+    for (const auto& value : values) {
+      if (&value != values.data()) writer.raw(",");
+      writeOne(value);
+    }
+    writer.raw("]");
+  };
+  writer.raw("{");
+  writer.name("lists");
+  writeAll(lists, [&writer](const FilterList& list) { write(writer, list); });
+  writer.member("customRules", std::string_view(customRules));
+  writer.name("pausedSites");
+  writeAll(pausedSites, [&writer](const std::string& site) { writer.string(site); });
+  writer.raw("}");
+  return writer.take();
 }
 
 std::optional<Persisted> Persisted::decode(std::string_view text) {

@@ -175,7 +175,7 @@ TEST(Persisted, RefusesWhatIsCutOrGoesOn) {
 
 // What a file system may leave of a file after a crash.
 TEST(Persisted, RefusesZeroBytes) {
-  for (const std::size_t count : {1, 4096}) {
+  for (const std::size_t count : {1U, 4096U}) {
     const std::string zeros(count, '\0');
     EXPECT_FALSE(Persisted::decode(zeros));
     EXPECT_FALSE(Persisted::decode(exampleBytes + zeros)) << count;

@@ -1,0 +1,490 @@
+#include <gio/gio.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <latch>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/mainloop/Awaiting.h"
+#include "platform/mainloop/MainLoop.h"
+#include "platform/mainloop/Observable.h"
+#include "platform/mainloop/Task.h"
+
+namespace tamsel {
+namespace {
+
+using testing::Each;
+using testing::ElementsAre;
+
+void runUntil(const std::function<bool()>& isSo) {
+  while (!isSo()) g_main_context_iteration(nullptr, TRUE);
+}
+
+void runWhatIsPending() {
+  while (g_main_context_iteration(nullptr, FALSE) != 0) {
+  }
+}
+
+template <typename T>
+T finish(Task<T> task) {
+  runUntil([&task] { return task.isDone(); });
+  return task.await_resume();
+}
+
+// What became of a Witness, from whichever thread.
+struct Fate {
+  std::thread::id thread;
+  std::atomic<bool> isSealed = false;
+};
+
+struct Seal {
+  void operator()(Fate* fate) const {
+    fate->thread = std::this_thread::get_id();
+    EXPECT_FALSE(fate->isSealed.exchange(true));
+    g_main_context_wakeup(nullptr);
+  }
+};
+
+// Tells when and where its owner is destroyed; cannot be copied.
+using Witness = std::unique_ptr<Fate, Seal>;
+
+bool isHere(const Fate& fate) {
+  return fate.thread == std::this_thread::get_id();
+}
+
+// What a task waits for until somebody answers.
+class Question {
+ public:
+  std::function<void(std::function<void(int)>)> asking() {
+    return [this](std::function<void(int)> answer) { answer_ = std::move(answer); };
+  }
+  void answer(int value) { std::exchange(answer_, nullptr)(value); }
+  bool isOpen() const { return static_cast<bool>(answer_); }
+
+ private:
+  std::function<void(int)> answer_;
+};
+
+Task<int> answerTo(Question& question) {
+  auto answer = answerOf<int>(question.asking());
+  co_return co_await answer;
+}
+
+Task<> nextTurn() {
+  auto turn = answerOf<int>(
+      [](const std::function<void(int)>& go) { MainLoop::call(nullptr, [go] { go(0); }); });
+  (void)co_await turn;
+}
+
+Task<std::unique_ptr<int>> parcel(bool later, int value) {
+  if (later) {
+    auto turn = nextTurn();
+    co_await turn;
+  }
+  if (value < 0) throw std::out_of_range("negative");
+  co_return std::make_unique<int>(value);
+}
+
+Task<int> sumUpTo(bool later, int value) {
+  auto first = parcel(later, value);
+  const std::unique_ptr<int> taken = co_await first;
+  if (*taken == 0) co_return 0;
+  auto rest = sumUpTo(later, *taken - 1);
+  co_return *taken + co_await rest;
+}
+
+Task<std::string> attempt(bool later) {
+  try {
+    auto task = parcel(later, -1);
+    (void)co_await task;
+  } catch (const std::out_of_range& error) {
+    co_return error.what();
+  }
+  co_return "none";
+}
+
+TEST(Task, GivesItsResultOrExceptionToWhoWaits) {
+  for (const bool later : {false, true}) {
+    Task<int> sum = sumUpTo(later, 100);
+    EXPECT_EQ(sum.isDone(), !later);
+    EXPECT_EQ(finish(std::move(sum)), 5050);
+    EXPECT_EQ(finish(attempt(later)), "negative");
+    EXPECT_THROW((void)finish(parcel(later, -1)), std::out_of_range);
+  }
+}
+
+TEST(Task, WaitsWithoutAStackThatGrows) {
+  const auto many = []() -> Task<int> {
+    int count = 0;
+    for (int i = 0; i < 100000; ++i) {
+      auto task = parcel(false, 1);
+      const std::unique_ptr<int> one = co_await task;
+      count += *one;
+    }
+    co_return count;
+  };
+  EXPECT_EQ(finish(many()), 100000);
+}
+
+TEST(Task, TellsItsFlowThatItIsCancelled) {
+  Question question;
+  const auto flow = [](Question& asked) -> Task<std::string> {
+    std::string seen;
+    while (true) {
+      auto answer = answerOf<int>(asked.asking());
+      if (co_await answer == 0) co_return seen;
+      seen += co_await IsCancelled() ? 'y' : 'n';
+    }
+  };
+  Task<std::string> task = flow(question);
+  Task<std::string> other = std::move(task);
+  task.cancel();  // nothing is in it
+  question.answer(1);
+  other.cancel();
+  EXPECT_FALSE(other.isDone());
+  question.answer(1);
+  question.answer(0);
+  EXPECT_EQ(finish(std::move(other)), "ny");
+}
+
+// A flow at a wait, the task of which is destroyed.
+class Destroyed : public testing::Test {
+ protected:
+  template <typename Wait>
+  static Task<> flow(Wait wait, Witness, bool& wentOn) {
+    auto waiting = wait();
+    try {
+      (void)co_await waiting;
+    } catch (...) {
+    }
+    wentOn = true;
+  }
+
+  template <typename Wait>
+  Task<> start(Wait wait) {
+    return flow(std::move(wait), Witness(&frame), wentOn);
+  }
+
+  void destroy(Task<> task) {
+    EXPECT_FALSE(task.isDone());
+    task = Task<>();
+  }
+
+  void TearDown() override {
+    runWhatIsPending();
+    EXPECT_TRUE(frame.isSealed);
+    EXPECT_FALSE(wentOn);
+  }
+
+  Fate frame;
+  bool wentOn = false;
+};
+
+TEST_F(Destroyed, WhileTheWorkerRuns) {
+  std::latch mayEnd(1);
+  Fate result, data;
+  Task<> task = start([&] {
+    return detached([&, kept = Witness(&data)] {
+      mayEnd.wait();
+      return Witness(&result);
+    });
+  });
+  destroy(std::move(task));
+  EXPECT_TRUE(frame.isSealed);
+  mayEnd.count_down();
+  runUntil([&] { return result.isSealed.load(); });
+  EXPECT_TRUE(data.isSealed);
+}
+
+TEST_F(Destroyed, WhileTheResultIsUnderWay) {
+  Fate result;
+  Task<> task = start([&] { return detached([&] { return Witness(&result); }); });
+  while (g_main_context_pending(nullptr) == 0) std::this_thread::yield();
+  destroy(std::move(task));
+  EXPECT_TRUE(frame.isSealed);
+  runUntil([&] { return result.isSealed.load(); });
+}
+
+TEST_F(Destroyed, BeforeTheAnswerComes) {
+  Question question;
+  Fate other;
+  bool otherWentOn = false;
+  Task<> never =
+      flow([&] { return answerOf<int>(question.asking()); }, Witness(&other), otherWentOn);
+  question = Question();
+  EXPECT_FALSE(never.isDone());
+  never = Task<>();
+
+  Task<> task = start([&] { return answerOf<int>(question.asking()); });
+  destroy(std::move(task));
+  EXPECT_TRUE(frame.isSealed);
+  question.answer(1);
+  EXPECT_FALSE(otherWentOn);
+  EXPECT_TRUE(other.isSealed);
+}
+
+TEST_F(Destroyed, ByWhoeverIsAskedForTheAnswer) {
+  Question question;
+  Task<> task;
+  const auto twice = [&]() -> Task<> {
+    auto first = answerTo(question);
+    (void)co_await first;
+    auto second = answerOf<int>([&](const std::function<void(int)>& answer) {
+      task = Task<>();
+      EXPECT_TRUE(frame.isSealed);
+      answer(2);
+    });
+    (void)co_await second;
+  };
+  task = start(twice);
+  question.answer(1);
+}
+
+TEST_F(Destroyed, WhileAnotherTaskIsWaitedFor) {
+  Question question;
+  Fate inner;
+  const auto waiting = [](Question& asked, Witness) -> Task<int> {
+    auto answer = answerTo(asked);
+    co_return co_await answer;
+  };
+  Task<> task = start([&] { return waiting(question, Witness(&inner)); });
+  destroy(std::move(task));
+  EXPECT_TRUE(inner.isSealed);
+  question.answer(1);
+}
+
+// An operation that ends when it is told to.
+struct Operation {
+  auto call(Fate& result) {
+    return gioCall(
+        [this](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+          task = g_task_new(nullptr, cancellable, callback, data);
+          g_task_set_check_cancellable(task, FALSE);
+        },
+        [&result](GObject*, GAsyncResult* answer, GError** error) {
+          g_task_propagate_boolean(G_TASK(answer), error);
+          return Witness(&result);
+        });
+  }
+  ~Operation() { g_object_unref(task); }
+
+  GTask* task = nullptr;
+};
+
+TEST_F(Destroyed, WhileAnOperationOfGioRuns) {
+  Operation operation;
+  Fate result;
+  Task<> task = start([&] { return operation.call(result); });
+  EXPECT_FALSE(g_cancellable_is_cancelled(g_task_get_cancellable(operation.task)));
+  destroy(std::move(task));
+  EXPECT_TRUE(frame.isSealed);
+  EXPECT_TRUE(g_cancellable_is_cancelled(g_task_get_cancellable(operation.task)));
+  EXPECT_FALSE(result.isSealed);
+  g_task_return_boolean(operation.task, TRUE);
+  runWhatIsPending();
+  EXPECT_TRUE(result.isSealed);
+}
+
+// Also one that answers from within the cancelling.
+TEST_F(Destroyed, WhileAnOperationRunsThatEndsAtOnceWhenCancelled) {
+  struct Ready {
+    GAsyncReadyCallback callback;
+    gpointer data;
+  } ready = {};
+  const auto begin = [&ready](GCancellable* cancellable, GAsyncReadyCallback callback,
+                              gpointer data) {
+    ready = {callback, data};
+    const auto end = [](GCancellable*, gpointer what) {
+      const Ready& now = *static_cast<Ready*>(what);
+      now.callback(nullptr, nullptr, now.data);
+    };
+    g_signal_connect(cancellable, "cancelled", G_CALLBACK(+end), &ready);
+  };
+  destroy(
+      start([&] { return gioCall(begin, [](GObject*, GAsyncResult*, GError**) { return 1; }); }));
+}
+
+TEST(GioCall, GivesTheResultOrTheError) {
+  const auto flow = [](Operation& operation, Fate& result) -> Task<std::string> {
+    try {
+      auto call = operation.call(result);
+      const Witness taken = co_await call;
+      co_return taken.get() == &result ? "result" : "another";
+    } catch (const GioError& error) {
+      co_return error.what() + (error.domain == G_IO_ERROR ? std::to_string(error.code) : "");
+    }
+  };
+  Fate results[2];
+  Operation good, bad;
+  Task<std::string> success = flow(good, results[0]), failure = flow(bad, results[1]);
+  g_task_return_boolean(good.task, TRUE);
+  g_task_return_new_error(bad.task, G_IO_ERROR, G_IO_ERROR_BUSY, "busy");
+  EXPECT_EQ(finish(std::move(success)), "result");
+  EXPECT_EQ(finish(std::move(failure)), "busy" + std::to_string(G_IO_ERROR_BUSY));
+  EXPECT_TRUE(results[0].isSealed && results[1].isSealed);
+}
+
+TEST(Detached, RunsOnWorkersAndComesBack) {
+  constexpr int count = 500;
+  std::vector<Fate> data(count);
+  const auto flow = [](int number, Fate& fate) -> Task<std::string> {
+    try {
+      auto work = detached([number, kept = Witness(&fate)] {
+        if (number % 3 == 0) throw std::runtime_error(std::to_string(number));
+        return std::make_unique<std::thread::id>(std::this_thread::get_id());
+      });
+      const std::unique_ptr<std::thread::id> worker = co_await work;
+      co_return *worker == std::this_thread::get_id() ? "same thread" : std::to_string(number);
+    } catch (const std::runtime_error& error) {
+      co_return error.what();
+    }
+  };
+  std::vector<Task<std::string>> tasks;
+  for (int i = 0; i < count; ++i) {
+    tasks.push_back(flow(i, data[static_cast<std::size_t>(i)]));
+    EXPECT_FALSE(tasks.back().isDone());
+  }
+  for (int i = 0; i < count; ++i) {
+    const auto index = static_cast<std::size_t>(i);
+    EXPECT_EQ(finish(std::move(tasks[index])), std::to_string(i));
+    EXPECT_TRUE(data[index].isSealed);
+    EXPECT_FALSE(isHere(data[index])) << i;
+  }
+}
+
+// However soon the worker is done.
+TEST(Detached, FreesWhatTheFunctionOwnsOnTheWorker) {
+  const auto flow = [](Fate& fate) -> Task<bool> {
+    auto work = detached([kept = Witness(&fate)] { return true; });
+    co_return co_await work;
+  };
+  int here = 0;
+  for (int i = 0; i < 20000; ++i) {
+    Fate fate;
+    (void)finish(flow(fate));
+    here += isHere(fate);
+  }
+  EXPECT_EQ(here, 0);
+}
+
+TEST(FreeOnWorker, FreesThere) {
+  Fate fate;
+  freeOnWorker(Witness(&fate));
+  runUntil([&fate] { return fate.isSealed.load(); });
+  EXPECT_FALSE(isHere(fate));
+}
+
+Task<> once(
+    Question& question, std::function<void()> then = [] {}) {
+  auto answer = answerTo(question);
+  (void)co_await answer;
+  then();
+}
+
+TEST(TaskScope, KeepsTasksUntilTheyAreDone) {
+  TaskScope scope;
+  scope.add(nextTurn()).cancel();
+  EXPECT_FALSE(scope.isEmpty());
+  runUntil([&scope] { return scope.isEmpty(); });
+  const auto atOnce = [](bool fails) -> Task<> {
+    if (fails) throw std::runtime_error("unheard");
+    co_return;
+  };
+  scope.add(atOnce(false)).cancel();
+  scope.add(atOnce(true)).cancel();
+  EXPECT_TRUE(scope.isEmpty());
+
+  Question question, added;
+  const TaskScope::Handle handle = scope.add(once(question, [&] { scope.add(once(added)); }));
+  question.answer(1);
+  handle.cancel();  // what is done
+  EXPECT_TRUE(added.isOpen());
+  EXPECT_FALSE(scope.isEmpty());
+  added.answer(1);
+  EXPECT_TRUE(scope.isEmpty());
+}
+
+TEST(TaskScope, DestroysTasksThatWait) {
+  auto scope = std::make_unique<TaskScope>();
+  Question questions[3];
+  std::vector<bool> cancelled;
+  const auto flow = [&cancelled](Question& question) -> Task<> {
+    auto answer = answerTo(question);
+    (void)co_await answer;
+    cancelled.push_back(co_await IsCancelled());
+  };
+  TaskScope::Handle handles[3];
+  for (int i = 0; i < 3; ++i) handles[i] = scope->add(flow(questions[i]));
+  handles[0].cancel();
+  questions[1].answer(1);
+  questions[0].answer(1);
+  scope.reset();
+  for (const TaskScope::Handle& handle : handles) handle.cancel();
+  questions[2].answer(1);
+  EXPECT_THAT(cancelled, ElementsAre(false, true));
+}
+
+// Calls the function when a flow and what it was given is gone.
+using AtTheEnd = std::shared_ptr<void>;
+AtTheEnd atTheEnd(std::function<void()> function) {
+  return {nullptr, [function = std::move(function)](void*) { function(); }};
+}
+
+Task<> holding(Question& question, AtTheEnd) {
+  auto answer = answerTo(question);
+  (void)co_await answer;
+}
+
+TEST(TaskScope, BearsTasksWhoseEndReachesIt) {
+  Question first, second;
+  // The last owner of the scope is a flow in it.
+  auto owned = std::make_shared<TaskScope>();
+  TaskScope& there = *owned;
+  there.add(holding(first, std::move(owned)));
+  first.answer(1);
+
+  TaskScope scope;
+  scope.add(holding(first, atTheEnd([&] { scope.add(once(second)); })));
+  first.answer(1);
+  EXPECT_FALSE(scope.isEmpty());
+  second.answer(1);
+  EXPECT_TRUE(scope.isEmpty());
+}
+
+TEST(TaskScope, BearsTasksThatEndOthersWhenDestroyed) {
+  Question first, second;
+  bool ended = false;
+  {
+    TaskScope scope;
+    scope.add(holding(first, atTheEnd([&] { second.answer(1); })));
+    scope.add(once(second, [&ended] { ended = true; }));
+  }
+  EXPECT_TRUE(ended);
+}
+
+TEST(Observable, TellsOfEveryAssignmentBefore) {
+  ChangeSignal willChange;
+  Observable<std::string> text(willChange, "a");
+  std::vector<std::string> seen;
+  willChange.connect([&] { seen.push_back(text.get()); });
+  text = "b";
+  text = "b";
+  EXPECT_EQ(text.exchange("c"), "b");
+  text.modify([&seen](std::string& value) {
+    EXPECT_EQ(seen.size(), 4U);
+    value += "d";
+    value += "e";
+  });
+  EXPECT_THAT(seen, ElementsAre("a", "b", "b", "c"));
+  EXPECT_EQ(*text, "cde");
+}
+
+}  // namespace
+}  // namespace tamsel
