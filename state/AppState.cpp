@@ -123,6 +123,19 @@ Counted countAndMatch(SourcedRules rules, const std::map<Uuid, std::size_t>& ski
   return counted;
 }
 
+// What a save left behind that was killed in its last moment.
+void removeLeftovers(const std::string& folder) {
+  std::error_code error;
+  std::vector<fs::path> leftovers;
+  for (fs::directory_iterator entry(folder, error); !error && entry != fs::directory_iterator();
+       entry.increment(error)) {
+    if (entry->path().filename().string().starts_with(Files::temporaryPrefix)) {
+      leftovers.push_back(entry->path());
+    }
+  }
+  for (const fs::path& leftover : leftovers) fs::remove(leftover, error);
+}
+
 // What it owns is freed on a worker, where the time that takes is nobody's.
 template <typename T>
 struct FreedOnWorker {
@@ -167,6 +180,7 @@ std::string AppState::userSupportDir() {
 }
 
 void AppState::load() {
+  removeLeftovers(platform_.supportDir);
   try {
     if (std::optional<Persisted> persisted = Persisted::decode(Files::read(stateFile()))) {
       lists = std::move(persisted->lists);

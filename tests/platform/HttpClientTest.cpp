@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <libsoup/soup.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <functional>
@@ -9,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -63,6 +65,13 @@ class HttpClientTest : public testing::Test {
   using Page = std::function<void(SoupServerMessage*)>;
 
   HttpClientTest() {
+    g_log_set_default_handler(
+        [](const char* domain, GLogLevelFlags level, const char* message, gpointer) {
+          if ((level & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING)) != 0) {
+            ADD_FAILURE() << domain << ": " << message;
+          }
+        },
+        nullptr);
     soup_server_add_handler(server_, nullptr, answer, this, nullptr);
     EXPECT_TRUE(soup_server_listen_local(server_, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr));
     GSList* addresses = soup_server_get_uris(server_);
@@ -70,6 +79,7 @@ class HttpClientTest : public testing::Test {
     g_slist_free_full(addresses, reinterpret_cast<GDestroyNotify>(g_uri_unref));
   }
   ~HttpClientTest() override {
+    g_log_set_default_handler(g_log_default_handler, nullptr);
     soup_server_disconnect(server_);
     g_object_unref(server_);
   }
@@ -147,7 +157,7 @@ class HttpClientTest : public testing::Test {
 
 TEST_F(HttpClientTest, AnswersWithStatusAndBody) {
   std::string bytes;
-  for (int i = 0; i < 300000; ++i) bytes += static_cast<char>(i * i % 251);
+  for (int i = 0; i < 300000; ++i) bytes += static_cast<char>(i % 251);
   pages = {{"/text", page("! Title: x\n")},
            {"/empty", page("")},
            {"/bytes", page("\0\xFF\r\n"s + bytes)},
@@ -186,16 +196,17 @@ TEST_F(HttpClientTest, FollowsRedirects) {
 TEST_F(HttpClientTest, SaysWhyThereIsNoAnswer) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n";
   const std::string compressed = zeros(100000);
-  pages = {{"/mute", raw("", false)},
-           {"/stalls", raw(head + "\r\nhalf", false)},
-           {"/breaks", raw(head + "\r\nhalf", true)},
-           {"/closes", raw("", true)},
-           {"/chunks", raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\nx", true)},
-           {"/no-http", raw("SSH-2.0-x\r\n", true)},
-           {"/no-gzip", raw(head + "Content-Encoding: gzip\r\n\r\n\x1f\x8b\x08zzzzzzz", true)},
-           {"/away", redirect("http://127.0.0.1:1/")},
-           {"/file", redirect("file:///etc/hostname")}};
-  for (const char* path : {"/breaks", "/closes", "/chunks", "/no-http", "/no-gzip", "/file"}) {
+  pages = {
+      {"/mute", raw("", false)},
+      {"/stalls", raw(head + "\r\nhalf", false)},
+      {"/breaks", raw(head + "\r\nhalf", true)},
+      {"/closes", raw("", true)},
+      {"/chunks", raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\nx", true)},
+      {"/no-http", raw("SSH-2.0-x\r\n", true)},
+      {"/half-gzip", page(compressed.substr(0, compressed.size() / 2), SOUP_STATUS_OK, "gzip")},
+      {"/away", redirect("http://127.0.0.1:1/")},
+      {"/file", redirect("file:///etc/hostname")}};
+  for (const char* path : {"/breaks", "/closes", "/chunks", "/no-http", "/half-gzip", "/file"}) {
     const std::string reason = failure(get(path));
     EXPECT_NE(reason, "") << path;
     EXPECT_NE(reason, "status 200") << path;

@@ -393,7 +393,7 @@ TEST_F(AppStateListsTest, HasNothingToRefreshWithoutAnAddress) {
                 EXPECT_EQ(*app->statusMessage, "No downloadable lists to refresh.");
               }),
               "saved rebuilt");
-    EXPECT_EQ(*app->statusMessage, "Compiled 36 rules.");
+    EXPECT_EQ(*app->statusMessage, "Compiled 38 rules.");
   }
   app->remove(b);
   app->refresh(std::nullopt);
@@ -462,6 +462,7 @@ TEST_F(AppStateListsTest, RefreshesOneAfterTheOtherWhileListsChange) {
   app->remove(before[0].id);
   app->remove(before[1].id);  // while it is downloaded
   app->remove(before[2].id);  // before it is
+  test::runUntil([this] { return !app->isCompiling; });
   ASSERT_EQ(held.held.size(), 1);
   held.held[0].second({200, "a"});
   test::runUntil([&] { return held.held.size() == 2; });

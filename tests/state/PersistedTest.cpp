@@ -103,6 +103,16 @@ TEST(Persisted, ReadsWhatOthersMayHaveWritten) {
   EXPECT_EQ(Persisted::decode(json.dump()), bare);
 }
 
+TEST(Persisted, TakesTheLastOfAMemberThatIsThereTwice) {
+  EXPECT_EQ(Persisted::decode(withMember(R"("customRules":1,"lists":[{}])")), example);
+  std::string text = exampleBytes;
+  text.pop_back();
+  EXPECT_FALSE(Persisted::decode(text + R"(,"lists":[{}]})"));
+  const std::optional<Persisted> read = Persisted::decode(text + R"(,"pausedSites":["a"]})");
+  ASSERT_TRUE(read);
+  EXPECT_THAT(read->pausedSites, testing::ElementsAre("a"));
+}
+
 TEST(Persisted, ReadsDatesHoweverTheyAreWritten) {
   const std::pair<const char*, double> dates[] = {{"0", 0},
                                                   {"-1", -1},
