@@ -181,8 +181,12 @@ std::string AppState::userSupportDir() {
 
 void AppState::load() {
   removeLeftovers(platform_.supportDir);
+  std::error_code ignored;
   try {
-    if (std::optional<Persisted> persisted = Persisted::decode(Files::read(stateFile()))) {
+    // Anything but a file could keep the start waiting.
+    const std::string text =
+        fs::is_regular_file(stateFile(), ignored) ? Files::read(stateFile()) : "";
+    if (std::optional<Persisted> persisted = Persisted::decode(text)) {
       lists = std::move(persisted->lists);
       customRules = std::move(persisted->customRules);
       pausedSites = std::set(persisted->pausedSites.begin(), persisted->pausedSites.end());

@@ -114,7 +114,7 @@ Task<std::optional<std::string>> AppState::addListFromAddress(std::string name,
   try {
     auto downloading = download(text);
     downloaded = co_await downloading;
-  } catch (const std::runtime_error& error) {
+  } catch (const std::exception& error) {
     co_return std::string("Download failed: ") + error.what();
   }
   if (name.empty()) {
@@ -169,7 +169,7 @@ Task<void> AppState::performRefresh(std::optional<Uuid> id) {
     try {
       auto downloading = download(target.url);
       text = co_await downloading;
-    } catch (const std::runtime_error& failure) {
+    } catch (const std::exception& failure) {
       error = failure.what();
       ++failures;
     }

@@ -165,6 +165,8 @@ std::string Persisted::encode() const {
 }
 
 std::optional<Persisted> Persisted::decode(std::string_view text) {
+  // The library takes a zero byte, which JSON never has, for the end.
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;
   try {
     const Json json = Json::parse(text);
     Persisted persisted;

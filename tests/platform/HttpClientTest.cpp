@@ -195,7 +195,6 @@ TEST_F(HttpClientTest, FollowsRedirects) {
 
 TEST_F(HttpClientTest, SaysWhyThereIsNoAnswer) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n";
-  const std::string compressed = zeros(100000);
   pages = {
       {"/mute", raw("", false)},
       {"/stalls", raw(head + "\r\nhalf", false)},
@@ -203,7 +202,7 @@ TEST_F(HttpClientTest, SaysWhyThereIsNoAnswer) {
       {"/closes", raw("", true)},
       {"/chunks", raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\nx", true)},
       {"/no-http", raw("SSH-2.0-x\r\n", true)},
-      {"/half-gzip", page(compressed.substr(0, compressed.size() / 2), SOUP_STATUS_OK, "gzip")},
+      {"/half-gzip", raw(head + "Content-Encoding: gzip\r\n\r\n" + zeros(1000).substr(0, 9), true)},
       {"/away", redirect("http://127.0.0.1:1/")},
       {"/file", redirect("file:///etc/hostname")}};
   for (const char* path : {"/breaks", "/closes", "/chunks", "/no-http", "/half-gzip", "/file"}) {

@@ -197,12 +197,9 @@ TEST(Persisted, RefusesZeroBytes) {
 
 TEST(Persisted, RefusesWhatIsNoJSON) {
   const std::string nested(1000000, '[');
-  const std::string closed(1000000, ']');
-  const std::string objects = [] {
-    std::string text;
-    for (int i = 0; i < 1000000; ++i) text += R"({"a":)";
-    return text;
-  }();
+  std::string objects;
+  for (int i = 0; i < 100000; ++i) objects += R"({"a":)";
+  const std::string closed = std::string(100000, '[') + std::string(100000, ']');
   const std::string cases[] = {
       "",
       "null",
@@ -221,8 +218,7 @@ TEST(Persisted, RefusesWhatIsNoJSON) {
       withDate("Infinity"),
       nested,
       objects,
-      nested + closed,
-      R"({"lists":)" + nested + closed + R"(,"customRules":"","pausedSites":[]})",
+      R"({"lists":)" + closed + R"(,"customRules":"","pausedSites":[]})",
   };
   for (const std::string& text : cases) {
     EXPECT_FALSE(Persisted::decode(text)) << text.substr(0, 100);
@@ -230,7 +226,7 @@ TEST(Persisted, RefusesWhatIsNoJSON) {
 }
 
 TEST(Persisted, IgnoresNestingInUnknownMembers) {
-  const std::string deep = std::string(1000000, '[') + std::string(1000000, ']');
+  const std::string deep = std::string(100000, '[') + std::string(100000, ']');
   EXPECT_EQ(Persisted::decode(withMember(R"("x":)" + deep)), example);
 }
 
