@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <regex.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +17,7 @@
 #include <vector>
 
 #include "platform/rulestore/RuleListCompiler.h"
+#include "tests/support/SmallDisk.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/WebKitRules.h"
 
@@ -371,23 +370,17 @@ TEST_F(RuleListCompilerTest, AnswersWhenItsHelpersAreKilled) {
 
 // In a file system that is full, and in one that is read only.
 TEST_F(RuleListCompilerTest, SaysThatTheDiskIsFull) {
-  const std::string mounted = folder.path() + "/disk";
-  fs::create_directory(mounted);
-  const bool alone = ::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
-  if (!alone || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      ::mount("tamsel", mounted.c_str(), "tmpfs", 0, "size=4m") != 0) {
-    GTEST_SKIP() << "A file system can be mounted only with more rights.";
-  }
+  const test::SmallDisk disk(folder.path() + "/disk");
+  if (!disk.isMounted()) GTEST_SKIP() << "A file system can be mounted only with more rights.";
   const std::string small = document({rule("block", "a")});
   const std::string large = document(test::words(30000));
-  EXPECT_TRUE(compile(small, {.folder = mounted}).compiled);
-  EXPECT_THAT(failure(options(), large, {.folder = mounted}), HasSubstr("space"));
-  EXPECT_TRUE(compile(small, {.folder = mounted}).compiled->unchanged);
+  EXPECT_TRUE(compile(small, {.folder = disk.path()}).compiled);
+  EXPECT_THAT(failure(options(), large, {.folder = disk.path()}), HasSubstr("space"));
+  EXPECT_TRUE(compile(small, {.folder = disk.path()}).compiled->unchanged);
 
-  ASSERT_EQ(::mount("tamsel", mounted.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-  EXPECT_TRUE(compile(large, {.folder = mounted}).compiled);
+  ASSERT_TRUE(disk.setReadOnly(true));
+  EXPECT_TRUE(compile(large, {.folder = disk.path()}).compiled);
   EXPECT_TRUE(fs::exists(folder.path() + "/default/Rules/compiled.json"));
-  ::umount(mounted.c_str());
 }
 
 }  // namespace

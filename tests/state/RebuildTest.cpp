@@ -9,9 +9,11 @@
 #include "platform/http/SoupHttpClient.h"
 #include "platform/rulestore/WebKitRuleListStore.h"
 #include "state/AppState.h"
+#include "state/Persisted.h"
 #include "state/StarterList.h"
 #include "tests/support/AppFakes.h"
 #include "tests/support/LoopbackServer.h"
+#include "tests/support/SmallDisk.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tamsel {
@@ -238,6 +240,35 @@ TEST_F(RebuildTest, FindsTheIndexInAnErrorsText) {
       {"no\0rule 5"s, 5},
   };
   for (const auto& [text, index] : cases) EXPECT_EQ(AppState::badRuleIndex(text), index) << text;
+}
+
+TEST_F(RebuildTest, SavesAgainWhenTheDiskIsNoLongerFull) {
+  const test::SmallDisk disk(folder.path() + "/disk");
+  if (!disk.isMounted()) GTEST_SKIP() << "A file system can be mounted only with more rights.";
+  AppState app({disk.path(), store, http, panel, std::make_unique<test::FakeBrowser>()});
+  const auto saved = [&disk]() -> std::optional<Persisted> {
+    std::ifstream file(disk.path() + "/state.json", std::ios::binary);
+    return Persisted::decode(std::string(std::istreambuf_iterator<char>(file), {}));
+  };
+  app.addList("small", "||a.example^");
+  ASSERT_EQ(saved()->lists.size(), 2);
+
+  app.addList("large", std::string(5000000, 'x'));
+  EXPECT_EQ(app.lists->size(), 3);
+  EXPECT_EQ(saved()->lists.size(), 2);
+  ASSERT_TRUE(disk.setReadOnly(true));
+  app.setPaused("a.example", true);
+  EXPECT_EQ(app.pausedSites->size(), 1);
+  EXPECT_THAT(saved()->pausedSites, IsEmpty());
+
+  ASSERT_TRUE(disk.setReadOnly(false));
+  app.remove(app.lists->back().id);
+  EXPECT_EQ(saved()->lists, *app.lists);
+  EXPECT_EQ(saved()->pausedSites, std::vector<std::string>{"a.example"});
+  for (const auto& entry : fs::directory_iterator(disk.path())) {
+    EXPECT_THAT(entry.path().filename().string(), testing::Not(testing::StartsWith(".tamsel")));
+  }
+  runUntil([&app] { return !*app.isCompiling; });
 }
 
 // From here on with the real WebKit, and a real server.
