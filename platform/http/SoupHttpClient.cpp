@@ -1,8 +1,10 @@
 #include "platform/http/SoupHttpClient.h"
 
+#include <optional>
 #include <string_view>
 #include <utility>
 
+#include "platform/http/Address.h"
 #include "platform/mainloop/Awaiting.h"
 
 namespace tamsel {
@@ -33,7 +35,9 @@ SoupHttpClient::SoupHttpClient(std::chrono::seconds timeout)
 Task<HttpClient::Response> SoupHttpClient::get(std::string url) try {
   // What the flow uses while it waits may outlive the client.
   const ObjectPointer<SoupSession> session(SOUP_SESSION(g_object_ref(session_.get())));
-  const ObjectPointer<SoupMessage> message(soup_message_new("GET", url.c_str()));
+  const std::optional<Address> address = Address::parse(url);
+  const ObjectPointer<SoupMessage> message(
+      address && !address->host.empty() ? soup_message_new("GET", url.c_str()) : nullptr);
   if (!message) throw TransportError("The address is not valid.");
 
   auto sending = gioCall(

@@ -9,7 +9,8 @@
 
 namespace tamsel {
 
-/// The client on libsoup, whose messages its errors have.
+/// The client on libsoup, whose messages its errors have. A transfer that breaks off is an error
+/// where libsoup can tell; the end of a body without a length is where the server says it is.
 class SoupHttpClient : public HttpClient {
  public:
   /// A larger body, once it is decompressed, is an error: no filter list comes near it.

@@ -40,7 +40,7 @@ class Awaiter {
   explicit Awaiter(Start start) : start_(std::move(start)) {}
   Awaiter(const Awaiter&) = delete;
   Awaiter& operator=(const Awaiter&) = delete;
-  ~Awaiter() { wait_->task = {}; }
+  ~Awaiter() { forget(); }
 
   // The named one itself waits.
   struct Reference {
@@ -52,11 +52,14 @@ class Awaiter {
   Reference operator co_await() & noexcept { return {this}; }
   void operator co_await() && = delete;
 
+ protected:
+  void forget() { wait_->task = {}; }
+
  private:
   void await_suspend(std::coroutine_handle<> task) {
     wait_->task = task;
     // The task may be gone, and this with it, before `start` returns.
-    const Start start = std::move(start_);
+    Start start = std::move(start_);
     const std::shared_ptr<Wait<T>> wait = wait_;
     start(wait);
   }
@@ -79,9 +82,9 @@ template <typename Function>
 auto detached(Function function) {
   using T = std::invoke_result_t<Function&>;
   auto work = std::make_shared<Function>(std::move(function));
-  auto start = [work = std::move(work)](const std::shared_ptr<detail::Wait<T>>& wait) {
+  auto start = [work = std::move(work)](const std::shared_ptr<detail::Wait<T>>& wait) mutable {
     GMainContext* context = g_main_context_ref_thread_default();
-    MainLoop::callOnWorker([work, wait, context]() mutable {
+    MainLoop::callOnWorker([work = std::move(work), wait = wait, context]() mutable {
       try {
         wait->answer.template emplace<1>((*work)());
       } catch (...) {
@@ -169,6 +172,9 @@ auto gioCall(Begin begin, Finish finish) {
    public:
     Awaiter(decltype(start) how, std::shared_ptr<GCancellable> cancelled)
         : detail::Awaiter<T, decltype(start)>(std::move(how)), cancelled_(std::move(cancelled)) {}
+
+    // Before the operation is cancelled, which it may answer at once.
+    ~Awaiter() { this->forget(); }
 
    private:
     std::shared_ptr<GCancellable> cancelled_;

@@ -75,7 +75,8 @@ class TaskPromise<void> : public TaskPromiseBase {
 /// at once; it runs up to the first wait. `co_await` on a task waits for its result or exception.
 ///
 /// A Task owns its flow: destroying it ends a flow that waits, and nothing of it happens any more.
-/// `cancel` only sets a flag, which the flow looks at when it wants to.
+/// A flow must not destroy its own task, and whoever waits for a task owns it. `cancel` only sets a
+/// flag, which the flow looks at when it wants to.
 template <typename T = void>
 class [[nodiscard]] Task {
  public:
@@ -104,7 +105,7 @@ class [[nodiscard]] Task {
 
   /// Has the function called at the end, from within the flow. Not for a task that is waited for or
   /// done.
-  void onDone(std::function<void()> function) { handle_.promise().onDone_ = std::move(function); }
+  void onDone(std::function<void()>&& function) { handle_.promise().onDone_ = std::move(function); }
 
  private:
   friend promise_type;
@@ -156,6 +157,13 @@ class TaskScope {
   };
 
   TaskScope() = default;
+  ~TaskScope() {
+    // The end of one may be the end of another.
+    while (!tasks_.empty()) {
+      const std::shared_ptr<Task<void>> first = std::move(tasks_.front());
+      tasks_.pop_front();
+    }
+  }
   TaskScope(const TaskScope&) = delete;
   TaskScope& operator=(const TaskScope&) = delete;
 
