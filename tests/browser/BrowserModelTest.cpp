@@ -18,7 +18,6 @@ namespace {
 
 using test::runUntil;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 // Remembers what was done to it, in order.
 class FakeWebView : public WebView {

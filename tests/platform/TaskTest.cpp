@@ -144,7 +144,7 @@ TEST(Task, TellsItsFlowThatItIsCancelled) {
   };
   Task<std::string> task = flow(question);
   Task<std::string> other = std::move(task);
-  task.cancel();  // nothing is in it
+  task.cancel();  // NOLINT(bugprone-use-after-move): nothing is in it
   question.answer(1);
   other.cancel();
   EXPECT_FALSE(other.isDone());

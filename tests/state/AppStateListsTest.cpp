@@ -287,7 +287,8 @@ TEST_F(AppStateListsTest, AddsAPastedList) {
   };
   std::set<Uuid> ids;
   for (const auto& [name, text, expected] : cases) {
-    EXPECT_EQ(effectOf([&] { app->addList(name, text); }), "saved rebuilt");
+    EXPECT_EQ(effectOf([&, &name = name, &text = text] { app->addList(name, text); }),
+              "saved rebuilt");
     ids.insert(last().id);
     EXPECT_EQ(last(), (FilterList{.id = last().id, .name = expected, .text = text}));
   }
@@ -539,12 +540,12 @@ TEST_F(AppStateListsTest, PausesAndResumesSites) {
   for (const auto& [sites, host, isPaused, whenPaused, whenResumed] : cases) {
     app->pausedSites = sites;
     EXPECT_EQ(app->isPaused(host), isPaused) << host;
-    EXPECT_EQ(effectOf([&] { app->setPaused(host, true); }), "saved");
+    EXPECT_EQ(effectOf([&, &host = host] { app->setPaused(host, true); }), "saved");
     EXPECT_EQ(*app->pausedSites, whenPaused) << host;
     EXPECT_THAT(saved().pausedSites, testing::ElementsAreArray(whenPaused));
     EXPECT_TRUE(app->isPaused(host));
     app->pausedSites = sites;
-    EXPECT_EQ(effectOf([&] { app->setPaused(host, false); }), "saved");
+    EXPECT_EQ(effectOf([&, &host = host] { app->setPaused(host, false); }), "saved");
     EXPECT_EQ(*app->pausedSites, whenResumed) << host;
     EXPECT_FALSE(app->isPaused(host)) << host;
   }
