@@ -110,6 +110,29 @@ void rebuildUnchanged(benchmark::State& state) {
   checkCompiled(state);
 }
 
+// Another process, started with what this one left: prints the time of its first rebuild in ms.
+int rebuildAtStart(const std::string& folder) {
+  const auto start = Clock::now();
+  const Application started(folder);
+  const bool compiled = started.app.statusMessage->starts_with("Compiled");
+  std::printf("%f\n", millisecondsSince(start));
+  return compiled ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+void rebuildAfterStart(benchmark::State& state) {
+  (void)application();
+  const std::string program = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string command =
+      "'" + program + "' --start '" + (ListFiles::get().scratch() / "Tamsel").string() + "'";
+  for (auto step : state) {
+    double milliseconds = 0;
+    std::FILE* output = ::popen(command.c_str(), "r");
+    const bool read = output != nullptr && std::fscanf(output, "%lf", &milliseconds) == 1;
+    if (output == nullptr || ::pclose(output) != 0 || !read) state.SkipWithError("it failed");
+    state.SetIterationTime(milliseconds / 1e3);
+  }
+}
+
 // One line of the custom rules has.
 void rebuildChanged(benchmark::State& state) {
   Application& running = application();
@@ -169,6 +192,7 @@ int runAll(int argc, char** argv) {
         ->Iterations(1);
   };
   some(benchmark::RegisterBenchmark("rebuildUnchanged", rebuildUnchanged))->UseManualTime();
+  some(benchmark::RegisterBenchmark("rebuildAfterStart", rebuildAfterStart))->UseManualTime();
   some(benchmark::RegisterBenchmark("memoryOfRebuilds", memoryOfRebuilds))->Repetitions(3);
   some(benchmark::RegisterBenchmark("rebuildChanged", rebuildChanged))->UseManualTime();
   some(benchmark::RegisterBenchmark("save", save));
@@ -178,6 +202,7 @@ int runAll(int argc, char** argv) {
   Table table({{"Rebuild: main loop held, computed", "rebuildChanged", "computed", 8, "ms"},
                {"Rebuild: longest stall of the main loop", "rebuildChanged", "stall", 8, "ms"},
                {"Rebuild, unchanged: stall", "rebuildUnchanged", "stall", 8, "ms"},
+               {"Rebuild, unchanged since the last start", "rebuildAfterStart", "", 400, "ms"},
                {"Rebuild, unchanged", "rebuildUnchanged", "", 400, "ms"},
                {"  of which the store", "rebuildUnchanged", "store", 20, "ms"},
                {"Rebuild after a changed line, without WebKit", "rebuildChanged", "", 350, "ms"},
@@ -195,6 +220,9 @@ int runAll(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
+    if (argc == 3 && std::string(argv[1]) == "--start") {
+      return tamsel::bench::rebuildAtStart(argv[2]);
+    }
     return tamsel::bench::runAll(argc, argv);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "tamsel_app_bench: %s\n", error.what());

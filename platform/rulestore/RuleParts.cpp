@@ -62,37 +62,39 @@ class RuleParts::Reader {
 
   Content read(ondemand::value value) {
     Content content;
-    ondemand::object members;
-    if (!is(value.get_object().get(members))) return content;
-    for (auto member : members) {
-      ondemand::value memberValue;
-      std::string_view name;
-      if (!is(member.unescaped_key().get(name)) || !is(member.value().get(memberValue))) continue;
-      if (name == "trigger") readTrigger(memberValue, content);
-      if (name == "action") readAction(memberValue, content);
-    }
+    forEachMember(value, [&](std::string_view name, ondemand::value member) {
+      if (name == "trigger") readTrigger(member, content);
+      if (name == "action") readAction(member, content);
+    });
     return content;
   }
 
  private:
-  void readTrigger(ondemand::value value, Content& content) {
-    content.hasExpression = false;
-    content.refusal = {};
-    content.conditioned = false;
+  // Calls `visit` with name and value of each member, if the value is an object.
+  static void forEachMember(ondemand::value value, const auto& visit) {
     ondemand::object members;
     if (!is(value.get_object().get(members))) return;
     for (auto member : members) {
       ondemand::value memberValue;
       std::string_view name;
       if (!is(member.unescaped_key().get(name)) || !is(member.value().get(memberValue))) continue;
-      if (name == "url-filter") {
-        content.hasExpression = is(memberValue.get_string().get(content.expression));
-      } else if (name == "if-domain" || name == "unless-domain") {
-        readConditions(memberValue, content, ContentBlockerDialect::refusalOfDomain);
-      } else if (isOneOf(name, pageConditions)) {
-        readConditions(memberValue, content, ContentBlockerDialect::refusalOfExpression);
-      }
+      visit(name, memberValue);
     }
+  }
+
+  void readTrigger(ondemand::value value, Content& content) {
+    content.hasExpression = false;
+    content.refusal = {};
+    content.conditioned = false;
+    forEachMember(value, [&](std::string_view name, ondemand::value member) {
+      if (name == "url-filter") {
+        content.hasExpression = is(member.get_string().get(content.expression));
+      } else if (name == "if-domain" || name == "unless-domain") {
+        readConditions(member, content, ContentBlockerDialect::refusalOfDomain);
+      } else if (isOneOf(name, pageConditions)) {
+        readConditions(member, content, ContentBlockerDialect::refusalOfExpression);
+      }
+    });
   }
 
   void readConditions(ondemand::value value, Content& content,
@@ -111,15 +113,10 @@ class RuleParts::Reader {
 
   static void readAction(ondemand::value value, Content& content) {
     content.type = content.selector = {};
-    ondemand::object members;
-    if (!is(value.get_object().get(members))) return;
-    for (auto member : members) {
-      ondemand::value memberValue;
-      std::string_view name;
-      if (!is(member.unescaped_key().get(name)) || !is(member.value().get(memberValue))) continue;
-      if (name == "type") (void)is(memberValue.get_string().get(content.type));
-      if (name == "selector") (void)is(memberValue.get_string().get(content.selector));
-    }
+    forEachMember(value, [&content](std::string_view name, ondemand::value member) {
+      if (name == "type") (void)is(member.get_string().get(content.type));
+      if (name == "selector") (void)is(member.get_string().get(content.selector));
+    });
   }
 
   std::string_view wanted_;
