@@ -68,4 +68,11 @@ void Table::Finalize() {
   }
 }
 
+int run(int argc, char** argv, Table table) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  benchmark::RunSpecifiedBenchmarks(&table);
+  return 0;
+}
+
 }  // namespace tamsel::bench

@@ -35,4 +35,8 @@ class Table : public benchmark::BenchmarkReporter {
   std::vector<Run> medians_;
 };
 
+/// Runs the registered benchmarks as the command line says and prints the table. Returns the exit
+/// code: 2 when there is an argument that nobody knows.
+int run(int argc, char** argv, Table table);
+
 }  // namespace tamsel::bench

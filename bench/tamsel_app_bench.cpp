@@ -196,8 +196,6 @@ int runAll(int argc, char** argv) {
   some(benchmark::RegisterBenchmark("memoryOfRebuilds", memoryOfRebuilds))->Repetitions(3);
   some(benchmark::RegisterBenchmark("rebuildChanged", rebuildChanged))->UseManualTime();
   some(benchmark::RegisterBenchmark("save", save));
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
 
   Table table({{"Rebuild: main loop held, computed", "rebuildChanged", "computed", 8, "ms"},
                {"Rebuild: longest stall of the main loop", "rebuildChanged", "stall", 8, "ms"},
@@ -211,8 +209,7 @@ int runAll(int argc, char** argv) {
                {"for comparison: resident", "memoryOfRebuilds", "resident", 0, "MB"},
                {"save() with three lists of 2 MB", "save", "", 60, "ms"}},
               "", std::getenv("TAMSEL_LISTS") != nullptr);
-  benchmark::RunSpecifiedBenchmarks(&table);
-  return 0;
+  return run(argc, argv, std::move(table));
 }
 
 }  // namespace

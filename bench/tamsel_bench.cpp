@@ -264,8 +264,6 @@ int runAll(int argc, char** argv) {
   many(benchmark::RegisterBenchmark("dialect", dialect)->Iterations(3));
   many(benchmark::RegisterBenchmark("evaluate", evaluate)->Iterations(1));
   many(benchmark::RegisterBenchmark("growth", growth)->Iterations(1));
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
 
   Table table({{"FilterCompiler::parse, all lists", "parse", "", 90, "ms"},
                {"RuleDocument::encode", "encode", "", 45, "ms"},
@@ -277,7 +275,8 @@ int runAll(int argc, char** argv) {
                {"tamselc compile, peak memory", "compileProcess", "peak", 200, "MiB"},
                {"All of it for ten times the lists, factor", "growth", "factor", 11, ""}},
               "yardstick", Data::isReal());
-  benchmark::RunSpecifiedBenchmarks(&table);
+  const int exitCode = run(argc, argv, std::move(table));
+  if (exitCode != 0) return exitCode;
   std::size_t bytes = 0;
   for (const auto& list : Data::get().lists()) bytes += list.text.size();
   std::printf("\nLists of %.1f MB, %zu rules, %zu requests%s.\n", static_cast<double>(bytes) / 1e6,

@@ -254,8 +254,6 @@ int runAll(int argc, char** argv) {
   few(benchmark::RegisterBenchmark("longestStall", longestStall));
   few(benchmark::RegisterBenchmark("stallBesideBusyProcesses", stallBesideBusyProcesses));
   few(benchmark::RegisterBenchmark("checkRefused", checkRefused));
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   // WebKit's work files belong on the file system of its store.
   ::setenv("TMPDIR", ListFiles::get().scratch().c_str(), 1);
 
@@ -270,8 +268,7 @@ int runAll(int argc, char** argv) {
        {"for comparison: compile through the store", "compileThroughStore", "", 0, "ms"},
        {"for comparison: compile in the bare store", "compileThroughStore", "bare", 0, "ms"}},
       "", std::getenv("TAMSEL_LISTS") != nullptr);
-  benchmark::RunSpecifiedBenchmarks(&table);
-  return 0;
+  return run(argc, argv, std::move(table));
 }
 
 }  // namespace

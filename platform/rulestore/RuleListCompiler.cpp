@@ -1,11 +1,9 @@
 #include "platform/rulestore/RuleListCompiler.h"
 
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
