@@ -1,14 +1,81 @@
 #include "browser/BrowserModel.h"
 
+#include <glib.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
 #include "browser/DemoPage.h"
+#include "browser/ReportingScript.h"
+#include "compiler/Unicode.h"
+#include "platform/http/Address.h"
+#include "platform/mainloop/Awaiting.h"
 #include "state/AppState.h"
 
 namespace tamsel {
+namespace {
+
+constexpr std::string_view searchEngine = "https://duckduckgo.com/?q=";
+// What a query may hold as it is, besides letters and digits.
+constexpr const char* allowedInQuery = "!$&'()*+,-./:;=?@_~";
+
+// So many are evaluated before their verdicts are shown.
+constexpr std::size_t reportsAtOnce = 256;
+
+std::string searchFor(const std::string& words) {
+  gchar* escaped = g_uri_escape_string(words.c_str(), allowedInQuery, FALSE);
+  std::string url = std::string(searchEngine) + escaped;
+  g_free(escaped);
+  return url;
+}
+
+// The URL that the typed text stands for.
+std::string resolved(const std::string& text) {
+  if (text.find("://") != std::string::npos) return text;
+  const bool isAddress = text.find(' ') == std::string::npos && text.find('.') != std::string::npos;
+  return isAddress ? "https://" + text : searchFor(text);
+}
+
+// Cut at the end of a character if it is too long.
+std::string shortened(std::string text) {
+  std::size_t end = BrowserModel::keptURLLength;
+  if (text.size() <= end) return text;
+  const auto continues = [&text](std::size_t i) {
+    return (static_cast<unsigned char>(text[i]) & 0xC0U) == 0x80U;
+  };
+  while (end > 0 && continues(end)) --end;
+  return text.substr(0, end) + "…";
+}
+
+}  // namespace
+
+BrowserModel::BrowserModel(std::unique_ptr<WebView> view) : webView(std::move(view)) {
+  webView->addScript(std::string(Reporting::script));
+  webView->addMessageHandler(Reporting::messageName);
+  webView->setDelegate(this);
+}
+
+BrowserModel::~BrowserModel() {
+  webView->setDelegate(nullptr);
+}
+
+void BrowserModel::go(std::string_view typed) {
+  const std::string text(Unicode::stripped(typed));
+  if (text.empty()) return;
+  const std::string url = resolved(text);
+  if (Address::parse(url)) webView->load(url);
+}
 
 void BrowserModel::loadDemo() {
   currentHost = std::string(DemoPage::host);
   addressText = "https://" + std::string(DemoPage::host) + "/ (demo page)";
   webView->loadHtml(DemoPage::html(), "https://" + std::string(DemoPage::host) + "/");
+}
+
+void BrowserModel::installRuleList() {
+  const bool isPaused = app != nullptr && app->isPaused(*currentHost);
+  webView->installRuleList(isPaused ? nullptr : ruleList_);
 }
 
 void BrowserModel::setRuleList(std::shared_ptr<const RuleList> list) {
@@ -17,9 +84,92 @@ void BrowserModel::setRuleList(std::shared_ptr<const RuleList> list) {
   if (!webView->url().empty()) webView->reload();
 }
 
-void BrowserModel::installRuleList() {
-  const bool isPaused = app != nullptr && app->isPaused(*currentHost);
-  webView->installRuleList(isPaused ? nullptr : ruleList_);
+void BrowserModel::setPausedHere(bool paused) {
+  if (app != nullptr) app->setPaused(*currentHost, paused);
+  installRuleList();
+  webView->reload();
+}
+
+void BrowserModel::willNavigate(const std::string& url) {
+  const std::optional<Address> address = Address::parse(url);
+  if (!address || address->host.empty()) return;
+  currentHost = address->host;
+  installRuleList();
+}
+
+void BrowserModel::didStart() {
+  blockedCount = 0;
+  blockedURLs = {};
+  seen_.clear();
+  status = "";
+  syncState();
+}
+
+void BrowserModel::syncState() {
+  canGoBack = webView->canGoBack();
+  canGoForward = webView->canGoForward();
+  isLoading = webView->isLoading();
+  pageTitle = webView->title();
+  const std::string url = webView->url();
+  if (url.empty()) return;
+  const std::optional<Address> address = Address::parse(url);
+  if (address && !address->host.empty()) currentHost = address->host;
+  addressText = url;
+}
+
+void BrowserModel::didFail(const WebView::Failure& failure) {
+  syncState();
+  if (failure.isCancelled) return;
+  status = failure.message;
+  if (failure.url) report(*failure.url, "document");
+}
+
+void BrowserModel::didReceive(const WebView::Message& message) {
+  std::optional<std::string> url = message.text("url");
+  const std::optional<std::string> type = message.text("type");
+  if (url && type) report(std::move(*url), Reporting::resourceType(*type));
+}
+
+void BrowserModel::report(std::string url, std::string_view type) {
+  if (app == nullptr || app->engine() == nullptr || app->isPaused(*currentHost)) return;
+  if (!seen_.insert(std::hash<std::string>()(url)).second) return;
+  // What an address holds itself is not requested, and WebKit's rules do not look at it.
+  if (url.starts_with("data:")) return;
+  reports_.push_back({app->engine(), std::move(url), webView->url(), type});
+  if (!isEvaluating_) tasks_.add(evaluateReports());
+}
+
+Task<void> BrowserModel::evaluateReports() {
+  isEvaluating_ = true;
+  while (!reports_.empty()) {
+    const auto end =
+        reports_.begin() + static_cast<std::ptrdiff_t>(std::min(reports_.size(), reportsAtOnce));
+    std::vector<Report> some(std::make_move_iterator(reports_.begin()),
+                             std::make_move_iterator(end));
+    reports_.erase(reports_.begin(), end);
+
+    auto evaluating = detached([some = std::move(some)]() mutable {
+      std::vector<std::string> blocked;
+      for (Report& report : some) {
+        const std::optional<std::string_view> page =
+            report.pageURL.empty() ? std::nullopt : std::optional<std::string_view>(report.pageURL);
+        const Engine::Verdict verdict = report.engine->evaluate(report.url, page, report.type);
+        if (verdict.block && !verdict.exception)
+          blocked.push_back(shortened(std::move(report.url)));
+      }
+      return blocked;
+    });
+    std::vector<std::string> blocked = co_await evaluating;
+    if (blocked.empty()) continue;
+    blockedCount = *blockedCount + blocked.size();
+    if (blockedURLs->size() == keptURLs) continue;
+    blockedURLs.modify([&blocked](std::vector<std::string>& urls) {
+      for (std::string& url : blocked) {
+        if (urls.size() < keptURLs) urls.push_back(std::move(url));
+      }
+    });
+  }
+  isEvaluating_ = false;
 }
 
 }  // namespace tamsel

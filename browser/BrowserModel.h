@@ -1,18 +1,32 @@
 #pragma once
 
+#include <cstddef>
+#include <deque>
 #include <memory>
+#include <set>
 #include <string>
+#include <string_view>
+#include <vector>
 
+#include "engine/Engine.h"
 #include "platform/mainloop/Observable.h"
+#include "platform/mainloop/Task.h"
 #include "platform/webview/WebView.h"
 #include "state/Browser.h"
 
 namespace tamsel {
 
-/// The built-in browser: the one web view, and the rule list that filters in it.
-class BrowserModel : public Browser {
+/// The built-in browser: the one web view, the rule list that filters in it except on paused sites,
+/// and what became of the page's requests.
+class BrowserModel : public Browser, private WebView::Delegate {
  public:
-  explicit BrowserModel(std::unique_ptr<WebView> view) : webView(std::move(view)) {}
+  /// The most blocked URLs that are kept of a page; more are counted.
+  static constexpr std::size_t keptURLs = 300;
+  /// The most that is kept of one blocked URL, in bytes.
+  static constexpr std::size_t keptURLLength = 4096;
+
+  explicit BrowserModel(std::unique_ptr<WebView> view);
+  ~BrowserModel() override;
 
   ChangeSignal objectWillChange;
 
@@ -22,10 +36,23 @@ class BrowserModel : public Browser {
 
   /// The address of the page now shown, as text.
   Observable<std::string> addressText{objectWillChange};
-  /// The host that pausing refers to.
+  /// The host that pausing and reporting refer to.
   Observable<std::string> currentHost{objectWillChange};
+  /// Empty if the page has none.
+  Observable<std::string> pageTitle{objectWillChange};
+  Observable<bool> isLoading{objectWillChange};
+  Observable<bool> canGoBack{objectWillChange};
+  Observable<bool> canGoForward{objectWillChange};
+  /// How many requests of this page were blocked.
+  Observable<std::size_t> blockedCount{objectWillChange};
+  /// The first of them, in the order counted. One that is longer than anybody can read is cut.
+  Observable<std::vector<std::string>> blockedURLs{objectWillChange};
+  /// What went wrong last, in words; empty if nothing did.
+  Observable<std::string> status{objectWillChange};
 
-  void setApp(AppState* newApp) override { app = newApp; }
+  /// Loads what the user typed: an address, or words to search the web for. Nothing happens if it
+  /// is neither.
+  void go(std::string_view typed);
 
   /// Shows the demo page, which requests what the starter list blocks.
   void loadDemo() override;
@@ -33,10 +60,39 @@ class BrowserModel : public Browser {
   /// Filters with this list from now on, or with none, and loads the page that is shown again.
   void setRuleList(std::shared_ptr<const RuleList> list) override;
 
+  /// Pauses filtering on the current host, or resumes it, and loads the page again.
+  void setPausedHere(bool paused);
+
+  void setApp(AppState* newApp) override { app = newApp; }
+
+  /// Whether a verdict on a request is still to come.
+  bool isEvaluating() const { return isEvaluating_; }
+
  private:
+  // A request that failed, and what is asked about it.
+  struct Report {
+    std::shared_ptr<const Engine> engine;
+    std::string url, pageURL;
+    std::string_view type;
+  };
+
+  void willNavigate(const std::string& url) override;
+  void didStart() override;
+  void didChange() override { syncState(); }
+  void didFail(const WebView::Failure& failure) override;
+  void didReceive(const WebView::Message& message) override;
+
   void installRuleList();
+  void syncState();
+  void report(std::string url, std::string_view type);
+  Task<void> evaluateReports();
 
   std::shared_ptr<const RuleList> ruleList_;
+  // Of the URLs that were reported on this page, the hashes: they may be long, and many.
+  std::set<std::size_t> seen_;
+  std::deque<Report> reports_;
+  bool isEvaluating_ = false;
+  TaskScope tasks_;
 };
 
 }  // namespace tamsel

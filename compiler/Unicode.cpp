@@ -77,6 +77,33 @@ std::string_view trimmed(std::string_view text) noexcept {
   return text;
 }
 
+std::size_t lineBreakLength(std::string_view text) noexcept {
+  if (text.empty()) return 0;
+  if (text.front() >= '\n' && text.front() <= '\r') return 1;
+  for (const std::string_view wide : {"\u0085", "\u2028", "\u2029"}) {
+    if (text.starts_with(wide)) return wide.size();
+  }
+  return 0;
+}
+
+std::string_view stripped(std::string_view text) noexcept {
+  while (true) {
+    text = trimmed(text);
+    if (const std::size_t length = lineBreakLength(text)) {
+      text.remove_prefix(length);
+      continue;
+    }
+    std::size_t shorter = text.size();
+    for (const std::size_t length : {1U, 2U, 3U}) {
+      if (text.size() >= length && lineBreakLength(text.substr(text.size() - length)) == length) {
+        shorter = text.size() - length;
+      }
+    }
+    if (shorter == text.size()) return text;
+    text = text.substr(0, shorter);
+  }
+}
+
 std::size_t sequenceLength(std::string_view text) noexcept {
   if (text.empty()) return 0;
   const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };

@@ -19,6 +19,12 @@ std::string lowercased(std::string_view text);
 /// The text without the tabs and space separators (category Zs) at both ends.
 std::string_view trimmed(std::string_view text) noexcept;
 
+/// The length of the line break that `text` begins with; 0 when it begins with none.
+std::size_t lineBreakLength(std::string_view text) noexcept;
+
+/// The text without the tabs, space separators and line breaks at both ends.
+std::string_view stripped(std::string_view text) noexcept;
+
 /// The length of the valid UTF-8 sequence that `text` begins with; 0 when it begins with none.
 std::size_t sequenceLength(std::string_view text) noexcept;
 

@@ -20,39 +20,10 @@ constexpr const char* downloadedName = "List";
 constexpr unsigned firstGoodStatus = 200;
 constexpr unsigned firstBadStatus = 300;
 
-// The length of the line break at the start of the text: 0 when there is none.
-std::size_t lineBreakLength(std::string_view text) {
-  if (text.empty()) return 0;
-  if (text.front() >= '\n' && text.front() <= '\r') return 1;
-  for (const std::string_view wide : {"\u0085", "\u2028", "\u2029"}) {
-    if (text.starts_with(wide)) return wide.size();
-  }
-  return 0;
-}
-
 bool beginsWithIgnoringCase(std::string_view text, std::string_view lowerCasePrefix) {
   return text.size() >= lowerCasePrefix.size() &&
          std::equal(lowerCasePrefix.begin(), lowerCasePrefix.end(), text.begin(),
                     [](char expected, char c) { return expected == Unicode::asciiLower(c); });
-}
-
-// The text without white space and line breaks at both ends.
-std::string_view stripped(std::string_view text) {
-  while (true) {
-    text = Unicode::trimmed(text);
-    if (const std::size_t length = lineBreakLength(text)) {
-      text.remove_prefix(length);
-      continue;
-    }
-    std::size_t shorter = text.size();
-    for (const std::size_t length : {1U, 2U, 3U}) {
-      if (text.size() >= length && lineBreakLength(text.substr(text.size() - length)) == length) {
-        shorter = text.size() - length;
-      }
-    }
-    if (shorter == text.size()) return text;
-    text = text.substr(0, shorter);
-  }
 }
 
 std::string normalized(std::string_view host) {
@@ -80,10 +51,10 @@ std::optional<std::string> AppState::title(std::string_view text) {
   std::size_t seen = 0;
   while (!text.empty() && seen < titleDepth) {
     std::size_t end = 0;
-    while (end < text.size() && lineBreakLength(text.substr(end)) == 0) ++end;
+    while (end < text.size() && Unicode::lineBreakLength(text.substr(end)) == 0) ++end;
     const std::string_view line = text.substr(0, end);
     text.remove_prefix(end);
-    text.remove_prefix(lineBreakLength(text));
+    text.remove_prefix(Unicode::lineBreakLength(text));
     if (line.empty()) continue;
     ++seen;
     if (!beginsWithIgnoringCase(line, titleHeader)) continue;
@@ -105,7 +76,7 @@ void AppState::addList(const std::string& name, const std::string& text) {
 
 Task<std::optional<std::string>> AppState::addListFromAddress(std::string name,
                                                               std::string urlString) {
-  const std::string text(stripped(urlString));
+  const std::string text(Unicode::stripped(urlString));
   const std::optional<Address> address = Address::parse(text);
   if (!address || (address->scheme != "http" && address->scheme != "https")) {
     co_return "Enter a valid http(s) URL.";

@@ -28,7 +28,13 @@ packages_for() {
     build)
       echo g++ cmake ninja-build pkg-config libicu-dev libxxhash-dev libsimdjson-dev \
         nlohmann-json3-dev libcli11-dev libwebkitgtk-6.0-dev \
-        libsoup-3.0-dev libsigc++-3.0-dev libgtest-dev libgmock-dev
+        libsoup-3.0-dev libsigc++-3.0-dev libgtkmm-4.0-dev libadwaita-1-dev libglib2.0-dev-bin \
+        libatspi2.0-dev libgtest-dev libgmock-dev
+      ;;
+    # What the window and the web view need to run, and a place to show them on any machine.
+    display)
+      echo adwaita-icon-theme librsvg2-common fonts-dejavu-core glib-networking \
+        at-spi2-core dbus xvfb xauth
       ;;
     bench) echo libbenchmark-dev ;;
     fuzz) echo clang llvm ;;
@@ -94,9 +100,9 @@ need_packages() {
 
 need_packages_for_preset() {
   case $1 in
-    release) need_packages build bench ;;
+    release) need_packages build bench display ;;
     fuzz) need_packages build fuzz ;;
-    *) need_packages build ;;
+    *) need_packages build display ;;
   esac
 }
 
@@ -124,6 +130,13 @@ quietly() {
     cat "$log" >&2
     exit 1
   fi
+}
+
+# on_virtual_display COMMAND...: the command sees a display and a session of its own.
+on_virtual_display() {
+  # Nothing of the user's is shown, read or changed.
+  xvfb-run --auto-servernum --server-args='-screen 0 1280x1024x24' \
+    env --unset=WAYLAND_DISPLAY GDK_BACKEND=x11 dbus-run-session -- "$@"
 }
 
 # The sanitizers of GCC 12 and clang 14 now and then fail to start where the kernel randomises

@@ -11,6 +11,7 @@
 #include "engine/Engine.h"
 #include "state/StarterList.h"
 #include "tests/support/AppFakes.h"
+#include "tests/support/FakeWebView.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tamsel {
@@ -19,27 +20,9 @@ namespace {
 using test::runUntil;
 using testing::ElementsAre;
 
-// Remembers what was done to it, in order.
-class FakeWebView : public WebView {
- public:
-  void loadHtml(const std::string& html, const std::string& baseURL) override {
-    page = html;
-    address = baseURL;
-    done.emplace_back("load");
-  }
-  void reload() override { done.emplace_back("reload"); }
-  std::string url() const override { return address; }
-  void installRuleList(std::shared_ptr<const RuleList> list) override {
-    done.emplace_back(list == nullptr ? "remove" : "install");
-  }
-
-  std::vector<std::string> done;
-  std::string page, address;
-};
-
 struct Setting {
-  Setting() : model(std::make_unique<FakeWebView>()) {}
-  FakeWebView& view() { return static_cast<FakeWebView&>(*model.webView); }
+  Setting() : model(std::make_unique<test::FakeWebView>()) {}
+  test::FakeWebView& view() { return static_cast<test::FakeWebView&>(*model.webView); }
   std::vector<std::string> takeDone() { return std::exchange(view().done, {}); }
 
   BrowserModel model;
@@ -53,7 +36,7 @@ TEST(BrowserModel, FiltersFromNowOnAndShowsThePageAgain) {
   EXPECT_EQ(*setting.model.currentHost, "example.org");
   EXPECT_EQ(*setting.model.addressText, "https://example.org/ (demo page)");
   EXPECT_EQ(setting.view().address, "https://example.org/");
-  EXPECT_THAT(setting.takeDone(), ElementsAre("load"));
+  EXPECT_THAT(setting.takeDone(), ElementsAre("show"));
   setting.model.setRuleList(std::make_shared<const RuleList>());
   EXPECT_THAT(setting.takeDone(), ElementsAre("install", "reload"));
   setting.model.setRuleList(nullptr);
@@ -65,17 +48,17 @@ TEST(BrowserModel, WithholdsTheListOnPausedSites) {
   test::FakeRuleListStore store;
   test::FakeHttpClient client;
   test::FakeSavePanel panel;
-  auto owned = std::make_unique<BrowserModel>(std::make_unique<FakeWebView>());
+  auto owned = std::make_unique<BrowserModel>(std::make_unique<test::FakeWebView>());
   BrowserModel& model = *owned;
-  auto& view = static_cast<FakeWebView&>(*model.webView);
+  auto& view = static_cast<test::FakeWebView&>(*model.webView);
   AppState app({folder.path(), store, client, panel, std::move(owned)});
   EXPECT_EQ(model.app, &app);
   runUntil([&app] { return !*app.isCompiling; });
-  EXPECT_THAT(view.done, ElementsAre("load", "install", "reload"));
+  EXPECT_THAT(view.done, ElementsAre("show", "install", "reload"));
   app.setPaused("www.example.org", true);
   app.rebuild();
   runUntil([&app] { return !*app.isCompiling; });
-  EXPECT_THAT(view.done, ElementsAre("load", "install", "reload", "remove", "reload"));
+  EXPECT_THAT(view.done, ElementsAre("show", "install", "reload", "remove", "reload"));
 }
 
 // With the starter list four of the page's five requests are blocked and three boxes are hidden.

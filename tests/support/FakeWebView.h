@@ -1,0 +1,46 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/webview/WebView.h"
+
+namespace tamsel::test {
+
+/// Remembers what was done to it, in order. The test tells its delegate what happens.
+class FakeWebView : public WebView {
+ public:
+  void setDelegate(Delegate* newDelegate) override { delegate = newDelegate; }
+  void addScript(const std::string& source) override { scripts.push_back(source); }
+  void addMessageHandler(const std::string& name) override { messageHandlers.push_back(name); }
+  void load(const std::string& url) override {
+    address = url;
+    done.push_back("load " + url);
+  }
+  void loadHtml(const std::string& html, const std::string& baseURL) override {
+    page = html;
+    address = baseURL;
+    done.emplace_back("show");
+  }
+  void reload() override { done.emplace_back("reload"); }
+  void stopLoading() override { done.emplace_back("stop"); }
+  void goBack() override { done.emplace_back("back"); }
+  void goForward() override { done.emplace_back("forward"); }
+  std::string url() const override { return address; }
+  std::string title() const override { return heading; }
+  bool isLoading() const override { return loading; }
+  bool canGoBack() const override { return false; }
+  bool canGoForward() const override { return false; }
+  void installRuleList(std::shared_ptr<const RuleList> list) override {
+    done.emplace_back(list == nullptr ? "remove" : "install");
+  }
+  GtkWidget* widget() const override { return nullptr; }
+
+  Delegate* delegate = nullptr;
+  std::vector<std::string> done, scripts, messageHandlers;
+  std::string page, address, heading;
+  bool loading = false;
+};
+
+}  // namespace tamsel::test
