@@ -100,6 +100,9 @@ class AppState {
   /// Downloads a list again, or all that have an address.
   void refresh(std::optional<Uuid> id);
 
+  /// What a host is called where sites are paused: in lower case, without "www.".
+  static std::string siteName(std::string_view host);
+
   /// Whether filtering is paused on the host or on one above it.
   bool isPaused(std::string_view host) const;
 

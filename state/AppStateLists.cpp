@@ -26,12 +26,6 @@ bool beginsWithIgnoringCase(std::string_view text, std::string_view lowerCasePre
                     [](char expected, char c) { return expected == Unicode::asciiLower(c); });
 }
 
-std::string normalized(std::string_view host) {
-  constexpr std::string_view prefix = "www.";
-  std::string lower = Unicode::lowercased(host);
-  return lower.starts_with(prefix) ? lower.substr(prefix.size()) : lower;
-}
-
 // Whether an entry is for the host or for one above it; both normalised.
 bool covers(std::string_view entry, std::string_view host) {
   if (!host.ends_with(entry)) return false;
@@ -184,15 +178,21 @@ Task<Text> AppState::download(std::string url) {
   co_return co_await decoding;
 }
 
+std::string AppState::siteName(std::string_view host) {
+  constexpr std::string_view prefix = "www.";
+  std::string lower = Unicode::lowercased(host);
+  return lower.starts_with(prefix) ? lower.substr(prefix.size()) : lower;
+}
+
 bool AppState::isPaused(std::string_view host) const {
-  const std::string name = normalized(host);
+  const std::string name = siteName(host);
   return !name.empty() &&
          std::any_of(pausedSites->begin(), pausedSites->end(),
                      [&name](const std::string& entry) { return covers(entry, name); });
 }
 
 void AppState::setPaused(std::string_view host, bool paused) {
-  const std::string name = normalized(host);
+  const std::string name = siteName(host);
   if (name.empty()) return;
   pausedSites.modify([&](std::set<std::string>& sites) {
     if (paused) {

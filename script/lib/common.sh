@@ -29,7 +29,7 @@ packages_for() {
       echo g++ cmake ninja-build pkg-config libicu-dev libxxhash-dev libsimdjson-dev \
         nlohmann-json3-dev libcli11-dev libwebkitgtk-6.0-dev \
         libsoup-3.0-dev libsigc++-3.0-dev libgtkmm-4.0-dev libadwaita-1-dev libglib2.0-dev-bin \
-        libatspi2.0-dev libgtest-dev libgmock-dev
+        libatspi2.0-dev libx11-dev libgtest-dev libgmock-dev
       ;;
     # What the window and the web view need to run, and a place to show them on any machine.
     display)
@@ -134,9 +134,11 @@ quietly() {
 
 # on_virtual_display COMMAND...: the command sees a display and a session of its own.
 on_virtual_display() {
-  # Nothing of the user's is shown, read or changed.
+  # What the session's own programs have to say is of no interest.
+  # shellcheck disable=SC2016  # the inner shell expands it
   xvfb-run --auto-servernum --server-args='-screen 0 1280x1024x24' \
-    env --unset=WAYLAND_DISPLAY GDK_BACKEND=x11 dbus-run-session -- "$@"
+    env --unset=WAYLAND_DISPLAY GDK_BACKEND=x11 \
+    dbus-run-session -- bash -c 'exec "$@" >&3 2>&4' bash "$@" 3>&1 4>&2 >/dev/null 2>&1
 }
 
 # The sanitizers of GCC 12 and clang 14 now and then fail to start where the kernel randomises

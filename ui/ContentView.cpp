@@ -1,0 +1,48 @@
+#include "ui/ContentView.h"
+
+#include <adwaita.h>
+
+#include "ui/BrowserView.h"
+#include "ui/CustomRulesView.h"
+#include "ui/ListsView.h"
+#include "ui/RulesView.h"
+#include "ui/Symbols.h"
+#include "ui/TesterView.h"
+
+namespace tamsel {
+namespace {
+
+constexpr int padding = 8;
+
+void addTab(AdwViewStack* tabs, Gtk::Widget& view, const char* name, std::string_view symbol) {
+  AdwViewStackPage* page = adw_view_stack_add_titled(tabs, view.gobj(), name, name);
+  adw_view_stack_page_set_icon_name(page, Symbols::icon(symbol).c_str());
+}
+
+}  // namespace
+
+ContentView::ContentView(AppState& app, BrowserModel& browser)
+    : Gtk::Box(Gtk::Orientation::VERTICAL) {
+  auto* tabs = ADW_VIEW_STACK(adw_view_stack_new());
+  addTab(tabs, *Gtk::make_managed<BrowserView>(app, browser), "Browser", "safari");
+  addTab(tabs, *Gtk::make_managed<ListsView>(app), "Lists", "list.bullet");
+  addTab(tabs, *Gtk::make_managed<RulesView>(), "Rules", "shield.lefthalf.filled");
+  addTab(tabs, *Gtk::make_managed<TesterView>(), "URL Tester", "magnifyingglass");
+  addTab(tabs, *Gtk::make_managed<CustomRulesView>(app), "Custom Rules",
+         "pencil.and.list.clipboard");
+
+  auto* switcher = ADW_VIEW_SWITCHER(adw_view_switcher_new());
+  adw_view_switcher_set_policy(switcher, ADW_VIEW_SWITCHER_POLICY_WIDE);
+  adw_view_switcher_set_stack(switcher, tabs);
+  auto* header = ADW_HEADER_BAR(adw_header_bar_new());
+  adw_header_bar_set_title_widget(header, GTK_WIDGET(switcher));
+  adw_header_bar_set_centering_policy(header, ADW_CENTERING_POLICY_STRICT);
+  append(*Glib::wrap(GTK_WIDGET(header)));
+
+  Gtk::Widget* content = Glib::wrap(GTK_WIDGET(tabs));
+  content->set_margin(padding);
+  content->set_vexpand();
+  append(*content);
+}
+
+}  // namespace tamsel

@@ -1,0 +1,22 @@
+#include "ui/TesterView.h"
+
+#include "ui/SafariNote.h"
+#include "ui/Widgets.h"
+
+namespace tamsel {
+namespace {
+
+constexpr int padding = 12;
+
+}  // namespace
+
+TesterView::TesterView() : Gtk::Box(Gtk::Orientation::VERTICAL, 10) {
+  set_margin(padding);
+  Gtk::Label* title = makeLabel("URL tester", TextStyle::title);
+  title->set_vexpand();
+  title->set_valign(Gtk::Align::START);
+  append(*title);
+  append(*Gtk::make_managed<SafariNote>());
+}
+
+}  // namespace tamsel

@@ -1,0 +1,80 @@
+#include "ui/Widgets.h"
+
+#include <gtk/gtk.h>
+
+#include "compiler/Unicode.h"
+
+namespace tamsel {
+namespace {
+
+constexpr std::size_t longestLine = 2000;  // bytes
+
+}  // namespace
+
+Gtk::Label* makeLabel(const Glib::ustring& text, TextStyle style) {
+  auto* label = Gtk::make_managed<Gtk::Label>(text, Gtk::Align::START);
+  label->set_xalign(0);
+  setStyle(*label, style);
+  return label;
+}
+
+void setStyle(Gtk::Widget& widget, TextStyle style) {
+  switch (style) {
+    case TextStyle::body:
+      break;
+    case TextStyle::title:
+      widget.add_css_class("title-2");
+      break;
+    case TextStyle::heading:
+      widget.add_css_class("heading");
+      break;
+    case TextStyle::captionSecondary:
+      widget.add_css_class(secondary);
+      [[fallthrough]];
+    case TextStyle::caption:
+      widget.add_css_class("caption");
+      break;
+    case TextStyle::monospace:
+      widget.add_css_class("monospace");
+      break;
+  }
+}
+
+void setName(Gtk::Widget& widget, const std::string& name) {
+  widget.set_tooltip_text(name);
+  gtk_accessible_update_property(GTK_ACCESSIBLE(widget.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                 name.c_str(), -1);
+}
+
+void setLabel(Gtk::Widget& widget, Gtk::Widget& label) {
+  gtk_accessible_update_relation(GTK_ACCESSIBLE(widget.gobj()), GTK_ACCESSIBLE_RELATION_LABELLED_BY,
+                                 GTK_ACCESSIBLE(label.gobj()), nullptr, -1);
+}
+
+void setClass(Gtk::Widget& widget, const char* name, bool isOn) {
+  if (isOn) {
+    widget.add_css_class(name);
+  } else {
+    widget.remove_css_class(name);
+  }
+}
+
+Glib::ustring editable(std::string_view text) {
+  std::string repaired = Unicode::repaired(std::string(text));
+  for (std::size_t zero = repaired.find('\0'); zero != std::string::npos;
+       zero = repaired.find('\0', zero)) {
+    repaired.replace(zero, 1, Unicode::replacement);
+  }
+  return repaired;
+}
+
+Glib::ustring displayable(std::string_view text) {
+  const Glib::ustring shown = editable(text.substr(0, longestLine));
+  return text.size() > longestLine ? shown + "…" : shown;
+}
+
+void setText(Gtk::Label& label, const Glib::ustring& text) {
+  if (label.get_text() != text) label.set_text(text);
+}
+
+}  // namespace tamsel

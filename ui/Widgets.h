@@ -1,0 +1,41 @@
+#pragma once
+
+#include <gtkmm/label.h>
+#include <gtkmm/widget.h>
+
+#include <string>
+#include <string_view>
+
+/// What several views do with widgets.
+namespace tamsel {
+
+/// Styles of text, by the style classes of the desktop.
+enum class TextStyle { body, title, heading, caption, captionSecondary, monospace };
+
+/// A label at the leading edge.
+Gtk::Label* makeLabel(const Glib::ustring& text, TextStyle style);
+void setStyle(Gtk::Widget& widget, TextStyle style);
+
+/// The style class for what is less important than the rest.
+inline constexpr const char* secondary = "dim-label";
+
+/// What a widget without text is called by those who cannot see it, and by its tooltip.
+void setName(Gtk::Widget& widget, const std::string& name);
+
+/// Says that the label names the widget.
+void setLabel(Gtk::Widget& widget, Gtk::Widget& label);
+
+/// Adds or removes a style class.
+void setClass(Gtk::Widget& widget, const char* name, bool isOn);
+
+/// Text from elsewhere for a widget to edit: valid UTF-8 without zeros.
+Glib::ustring editable(std::string_view text);
+
+/// Text from elsewhere for a widget that shows a line of it, cut if it is so long that laying it
+/// out would take time.
+Glib::ustring displayable(std::string_view text);
+
+/// Sets the text if it is another: widgets do not look.
+void setText(Gtk::Label& label, const Glib::ustring& text);
+
+}  // namespace tamsel
