@@ -15,8 +15,11 @@ namespace {
 constexpr int padding = 8;
 constexpr int longestSite = 40;  // characters
 
-void makeSymbolButton(Gtk::Button& button, std::string_view symbol, const std::string& name) {
-  button.set_icon_name(Symbols::icon(symbol));
+void setSymbol(Gtk::Button& button, std::string_view symbol, const std::string& name) {
+  const std::string icon = Symbols::icon(symbol);
+  // A tooltip is a question to the display server, so it is not set again without need.
+  if (button.get_icon_name().raw() == icon) return;
+  button.set_icon_name(icon);
   setName(button, name);
 }
 
@@ -52,13 +55,13 @@ Gtk::Widget& BrowserView::makeToolbar() {
   WebView& webView = *browser_.webView;
   auto* row = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 8);
 
-  makeSymbolButton(back_, "chevron.left", "Back");
+  setSymbol(back_, "chevron.left", "Back");
   back_.signal_clicked().connect([&webView] { webView.goBack(); });
   row->append(back_);
-  makeSymbolButton(forward_, "chevron.right", "Forward");
+  setSymbol(forward_, "chevron.right", "Forward");
   forward_.signal_clicked().connect([&webView] { webView.goForward(); });
   row->append(forward_);
-  makeSymbolButton(reload_, "arrow.clockwise", "Reload");
+  setSymbol(reload_, "arrow.clockwise", "Reload");
   reload_.signal_clicked().connect([this] { reloadOrStop(); });
   row->append(reload_);
 
@@ -133,9 +136,9 @@ void BrowserView::draw() {
   back_.set_sensitive(*browser_.canGoBack);
   forward_.set_sensitive(*browser_.canGoForward);
   if (*browser_.isLoading) {
-    makeSymbolButton(reload_, "xmark", "Stop");
+    setSymbol(reload_, "xmark", "Stop");
   } else {
-    makeSymbolButton(reload_, "arrow.clockwise", "Reload");
+    setSymbol(reload_, "arrow.clockwise", "Reload");
   }
   drawAddress();
 
@@ -169,6 +172,8 @@ void BrowserView::go() {
   const std::string typed = address_.get_text();
   // The field may show only the beginning of the address.
   browser_.go(typed == displayable(shownAddress_).raw() ? shownAddress_ : typed);
+  // What comes of it is shown in place of what was typed, even if it is the address of before.
+  if (browser_.webView->isLoading()) shownAddress_.clear();
 }
 
 void BrowserView::reloadOrStop() {

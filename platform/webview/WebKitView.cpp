@@ -10,6 +10,8 @@ namespace {
 // As many as redirections that WebKit follows.
 constexpr int maxRepetitions = 20;
 
+constexpr const char* emptyPage = "about:blank";
+
 constexpr const char* messageSignal = "script-message-received::";
 
 std::string text(const char* string) {
@@ -271,6 +273,10 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
       isProvisional_ = false;
       stopAwaitingAnswer();
       repetitions_ = 0;
+      // What it refuses to request, WebKit replaces with an empty page, without a word.
+      if (pending_ && url() == emptyPage && pending_->url != emptyPage) {
+        fail({.message = "This address cannot be opened.", .url = pending_->url});
+      }
       shownText_.reset();
       if (pending_ && pending_->text && pending_->url == url()) {
         shownText_ = std::move(pending_->text);
