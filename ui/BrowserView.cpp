@@ -90,7 +90,9 @@ Gtk::Widget& BrowserView::makeStatusRow() {
   content->append(*blockedText_);
   blocked_.set_child(*content);
   blocked_.set_popover(popover_);
+  // The button within is what has the focus.
   setLabel(blocked_, *blockedText_);
+  setLabel(*blocked_.get_first_child(), *blockedText_);
   row->append(blocked_);
 
   rulesText_ = makeLabel("", TextStyle::captionSecondary);

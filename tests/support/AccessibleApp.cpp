@@ -1,8 +1,13 @@
 #include "tests/support/AccessibleApp.h"
 
+#include <X11/XKBlib.h>
+#include <X11/extensions/XTest.h>
+#include <gtk/gtk.h>
+
 #include <chrono>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace tamsel::test {
 namespace {
@@ -19,27 +24,67 @@ std::string nameOf(const Element& element) {
   return take(atspi_accessible_get_name(element.get(), nullptr));
 }
 
-// Depth first, so that it is in reading order.
-Element search(Element element, AtspiRole role,
-               const std::function<bool(const std::string&)>& isIt) {
-  if (atspi_accessible_get_role(element.get(), nullptr) == role && isIt(nameOf(element))) {
-    return element;
+bool has(const Element& element, AtspiStateType state) {
+  const std::unique_ptr<AtspiStateSet, AccessibleApp::Unref> states(
+      atspi_accessible_get_state_set(element.get()));
+  return atspi_state_set_contains(states.get(), state) != FALSE;
+}
+
+// The display's, which types into whatever has the focus.
+class Keyboard {
+ public:
+  Keyboard() : display_(XOpenDisplay(nullptr)) {
+    if (display_ == nullptr) throw std::runtime_error("There is no X display.");
   }
+  ~Keyboard() { XCloseDisplay(display_); }
+  Keyboard(const Keyboard&) = delete;
+  Keyboard& operator=(const Keyboard&) = delete;
+
+  void press(guint key, unsigned modifiers) {
+    std::vector<KeyCode> codes;
+    const KeyCode code = XKeysymToKeycode(display_, key);
+    // On the upper half of a key.
+    const bool isShifted = XkbKeycodeToKeysym(display_, code, 0, 0) != key;
+    if ((modifiers & GDK_CONTROL_MASK) != 0) codes.push_back(codeOf(GDK_KEY_Control_L));
+    if ((modifiers & GDK_ALT_MASK) != 0) codes.push_back(codeOf(GDK_KEY_Alt_L));
+    if (isShifted) codes.push_back(codeOf(GDK_KEY_Shift_L));
+    codes.push_back(code);
+    for (auto i = codes.begin(); i != codes.end(); ++i) send(*i, True);
+    for (auto i = codes.rbegin(); i != codes.rend(); ++i) send(*i, False);
+    XSync(display_, False);
+  }
+
+ private:
+  KeyCode codeOf(guint key) { return XKeysymToKeycode(display_, key); }
+  void send(KeyCode code, Bool isDown) { XTestFakeKeyEvent(display_, code, isDown, CurrentTime); }
+
+  Display* display_;
+};
+
+bool is(const Element& element, AtspiRole role) {
+  return atspi_accessible_get_role(element.get(), nullptr) == role;
+}
+
+// The first one that passes, depth first, which is reading order.
+Element search(Element element, const std::function<bool(const Element&)>& isIt) {
+  if (isIt(element)) return element;
   const int children = atspi_accessible_get_child_count(element.get(), nullptr);
   for (int i = 0; i < children; ++i) {
     Element child(atspi_accessible_get_child_at_index(element.get(), i, nullptr));
     if (child == nullptr) continue;
-    if (Element found = search(std::move(child), role, isIt)) return found;
+    if (Element found = search(std::move(child), isIt)) return found;
   }
   return nullptr;
 }
 
-Element findApplication(const std::string& name) {
+Element findApplication(unsigned process) {
   const Element desktop(atspi_get_desktop(0));
   const int children = atspi_accessible_get_child_count(desktop.get(), nullptr);
   for (int i = 0; i < children; ++i) {
     Element child(atspi_accessible_get_child_at_index(desktop.get(), i, nullptr));
-    if (child == nullptr || nameOf(child) != name) continue;
+    if (child == nullptr || atspi_accessible_get_process_id(child.get(), nullptr) != process) {
+      continue;
+    }
     if (atspi_accessible_get_child_count(child.get(), nullptr) == 0) continue;
     // What it shows changes, and nobody here listens for that.
     atspi_accessible_set_cache_mask(child.get(), ATSPI_CACHE_NONE);
@@ -50,17 +95,25 @@ Element findApplication(const std::string& name) {
 
 }  // namespace
 
-AccessibleApp::AccessibleApp(const std::string& name) {
+AccessibleApp::AccessibleApp(GSubprocess* process) {
   atspi_init();
-  waitUntil("a window of " + name, [this, &name] {
-    application_ = findApplication(name);
+  const char* id = g_subprocess_get_identifier(process);
+  if (id == nullptr) throw std::runtime_error("The program has ended.");
+  waitUntil("the program's window", [this, number = static_cast<unsigned>(std::stoul(id))] {
+    application_ = findApplication(number);
     return application_ != nullptr;
   });
 }
 
+Element AccessibleApp::root() const {
+  return Element(ATSPI_ACCESSIBLE(g_object_ref(application_.get())));
+}
+
 Element AccessibleApp::find(AtspiRole role,
                             const std::function<bool(const std::string&)>& isIt) const {
-  return search(Element(ATSPI_ACCESSIBLE(g_object_ref(application_.get()))), role, isIt);
+  return search(root(), [role, &isIt](const Element& element) {
+    return is(element, role) && isIt(nameOf(element));
+  });
 }
 
 Element AccessibleApp::find(AtspiRole role, const std::string& name) const {
@@ -80,25 +133,77 @@ std::optional<std::string> AccessibleApp::labelWithSuffix(const std::string& suf
 }
 
 void AccessibleApp::act(AtspiRole role, const std::string& name, const std::string& action) const {
+  bool isDone = false;
+  search(root(), [&](const Element& element) {
+    if (!is(element, role) || nameOf(element) != name) return false;
+    const std::unique_ptr<AtspiAction, Unref> actions(
+        atspi_accessible_get_action_iface(element.get()));
+    const int count = actions == nullptr ? 0 : atspi_action_get_n_actions(actions.get(), nullptr);
+    for (int i = 0; i < count && !isDone; ++i) {
+      if (!action.empty() &&
+          take(atspi_action_get_action_name(actions.get(), i, nullptr)) != action) {
+        continue;
+      }
+      isDone = atspi_action_do_action(actions.get(), i, nullptr) != FALSE;
+    }
+    return isDone;
+  });
+  if (!isDone) throw std::runtime_error("Nothing can be done with " + name + ".");
+}
+
+bool AccessibleApp::isSensitive(AtspiRole role, const std::string& name) const {
   const Element element = find(role, name);
   if (element == nullptr) throw std::runtime_error("The window has no " + name + ".");
-  const std::unique_ptr<AtspiAction, Unref> actions(
-      atspi_accessible_get_action_iface(element.get()));
-  const int count = actions == nullptr ? 0 : atspi_action_get_n_actions(actions.get(), nullptr);
-  for (int i = 0; i < count; ++i) {
-    const std::string actionName = take(atspi_action_get_action_name(actions.get(), i, nullptr));
-    if (action.empty() || action == actionName) {
-      atspi_action_do_action(actions.get(), i, nullptr);
-      return;
-    }
+  return has(element, ATSPI_STATE_SENSITIVE);
+}
+
+Element AccessibleApp::field(const std::string& name) const {
+  Element element = find(ATSPI_ROLE_TEXT, name);
+  if (element == nullptr) throw std::runtime_error("The window has no field " + name + ".");
+  return element;
+}
+
+std::string AccessibleApp::textOf(const std::string& name) const {
+  const Element element = field(name);
+  const std::unique_ptr<AtspiText, Unref> text(atspi_accessible_get_text_iface(element.get()));
+  const int end = atspi_text_get_character_count(text.get(), nullptr);
+  return take(atspi_text_get_text(text.get(), 0, end, nullptr));
+}
+
+void AccessibleApp::setText(const std::string& name, const std::string& text) const {
+  const Element element = field(name);
+  const std::unique_ptr<AtspiEditableText, Unref> editable(
+      atspi_accessible_get_editable_text_iface(element.get()));
+  if (editable == nullptr) throw std::runtime_error(name + " cannot be edited.");
+  atspi_editable_text_set_text_contents(editable.get(), text.c_str(), nullptr);
+}
+
+bool AccessibleApp::isFocused(const std::string& name) const {
+  return has(field(name), ATSPI_STATE_FOCUSED);
+}
+
+void AccessibleApp::type(const std::string& characters) {
+  Keyboard keyboard;
+  for (const char c : characters) {
+    keyboard.press(c == '\n' ? GDK_KEY_Return : gdk_unicode_to_keyval(static_cast<guint32>(c)), 0);
   }
-  throw std::runtime_error("Nothing can be done with " + name + ".");
+}
+
+void AccessibleApp::press(const std::string& keys) {
+  guint key = 0;
+  GdkModifierType modifiers{};
+  if (gtk_accelerator_parse(keys.c_str(), &key, &modifiers) == FALSE) {
+    throw std::runtime_error("There are no keys " + keys + ".");
+  }
+  Keyboard().press(key, modifiers);
 }
 
 void waitUntil(const std::string& what, const std::function<bool()>& isSo) {
-  constexpr auto pause = std::chrono::milliseconds(50);
+  constexpr auto pause = std::chrono::milliseconds(20);
   const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   while (!isSo()) {
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
     if (std::chrono::steady_clock::now() > end) {
       throw std::runtime_error("Waited a minute for " + what + ".");
     }

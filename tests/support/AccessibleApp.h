@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atspi/atspi.h>
+#include <gio/gio.h>
 
 #include <functional>
 #include <memory>
@@ -17,8 +18,8 @@ class AccessibleApp {
   };
   using Element = std::unique_ptr<AtspiAccessible, Unref>;
 
-  /// Waits until the program has a window.
-  explicit AccessibleApp(const std::string& name);
+  /// Waits until the process has a window.
+  explicit AccessibleApp(GSubprocess* process);
 
   /// The first element with this role and a name that passes; null if there is none.
   Element find(AtspiRole role, const std::function<bool(const std::string&)>& isIt) const;
@@ -28,15 +29,30 @@ class AccessibleApp {
   std::optional<std::string> labelWithPrefix(const std::string& prefix) const;
   std::optional<std::string> labelWithSuffix(const std::string& suffix) const;
 
-  /// Performs an action of the first element with this role and name; the only one if it is not
+  /// Performs an action of the first element with this role and name that has it; any if it is not
   /// named. Throws std::runtime_error if there is none.
   void act(AtspiRole role, const std::string& name, const std::string& action = {}) const;
 
+  bool isSensitive(AtspiRole role, const std::string& name) const;
+
+  /// Of the text field with this name.
+  std::string textOf(const std::string& name) const;
+  void setText(const std::string& name, const std::string& text) const;
+  bool isFocused(const std::string& name) const;
+
+  /// Types these characters, or presses this combination of keys as GTK names it, into whatever
+  /// has the focus.
+  static void type(const std::string& characters);
+  static void press(const std::string& keys);
+
  private:
+  Element root() const;
+  Element field(const std::string& name) const;
+
   Element application_;
 };
 
-/// Asks again and again, a few times a second, until it is so. Throws std::runtime_error, naming
+/// Runs the main loop and asks again and again, until it is so. Throws std::runtime_error, naming
 /// what it waited for, when it takes a minute.
 void waitUntil(const std::string& what, const std::function<bool()>& isSo);
 

@@ -78,7 +78,7 @@ void report(const std::string& program, const std::string& picturePath) {
   GSubprocess* process =
       g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, &error, program.c_str(), nullptr);
   if (process == nullptr) throw std::runtime_error(error->message);
-  const AccessibleApp app("tamsel");
+  const AccessibleApp app(process);
 
   waitUntil("the rules", [&app] {
     const auto rules = app.labelWithSuffix(" rules active");
