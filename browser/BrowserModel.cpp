@@ -37,15 +37,9 @@ std::string resolved(const std::string& text) {
   return isAddress ? "https://" + text : searchFor(text);
 }
 
-// Cut at the end of a character if it is too long.
 std::string shortened(std::string text) {
-  std::size_t end = BrowserModel::keptURLLength;
-  if (text.size() <= end) return text;
-  const auto continues = [&text](std::size_t i) {
-    return (static_cast<unsigned char>(text[i]) & 0xC0U) == 0x80U;
-  };
-  while (end > 0 && continues(end)) --end;
-  return text.substr(0, end) + "…";
+  if (text.size() <= BrowserModel::keptURLLength) return text;
+  return std::string(Unicode::beginning(text, BrowserModel::keptURLLength)) + "…";
 }
 
 }  // namespace

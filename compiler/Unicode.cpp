@@ -104,6 +104,12 @@ std::string_view stripped(std::string_view text) noexcept {
   }
 }
 
+std::string_view beginning(std::string_view text, std::size_t bytes) noexcept {
+  if (text.size() <= bytes) return text;
+  while (bytes > 0 && (static_cast<unsigned char>(text[bytes]) & 0xC0U) == 0x80U) --bytes;
+  return text.substr(0, bytes);
+}
+
 std::size_t sequenceLength(std::string_view text) noexcept {
   if (text.empty()) return 0;
   const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };

@@ -25,6 +25,9 @@ std::size_t lineBreakLength(std::string_view text) noexcept;
 /// The text without the tabs, space separators and line breaks at both ends.
 std::string_view stripped(std::string_view text) noexcept;
 
+/// The beginning of UTF-8 text, at most this many bytes, that ends with a whole character.
+std::string_view beginning(std::string_view text, std::size_t bytes) noexcept;
+
 /// The length of the valid UTF-8 sequence that `text` begins with; 0 when it begins with none.
 std::size_t sequenceLength(std::string_view text) noexcept;
 

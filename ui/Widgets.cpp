@@ -69,7 +69,7 @@ Glib::ustring editable(std::string_view text) {
 }
 
 Glib::ustring displayable(std::string_view text) {
-  const Glib::ustring shown = editable(text.substr(0, longestLine));
+  const Glib::ustring shown = editable(Unicode::beginning(text, longestLine));
   return text.size() > longestLine ? shown + "…" : shown;
 }
 
