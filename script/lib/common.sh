@@ -152,6 +152,9 @@ fix_addresses() {
     exec setarch --addr-no-randomize "$root/$program" "$@"
   fi
   export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
+  export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$root/script/lib/lsan.supp:print_suppressions=0}
+  # A graphics driver is unloaded at the end, after which nothing tells that what it kept is its own.
+  export GDK_DEBUG=${GDK_DEBUG:-gl-disable}
   export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
   export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:suppressions=$root/script/lib/tsan.supp}
 }
