@@ -10,6 +10,10 @@ target_compile_options(tamsel_settings INTERFACE
 if(TAMSEL_SANITIZE)
   add_compile_options(-fsanitize=${TAMSEL_SANITIZE} -fno-omit-frame-pointer
     -fno-sanitize-recover=all)
+  if(TAMSEL_SANITIZE MATCHES "undefined")
+    # Libraries that are not built for it call what inline functions this program shares with them.
+    add_compile_options(-fno-sanitize=vptr)
+  endif()
   add_link_options(-fsanitize=${TAMSEL_SANITIZE})
 endif()
 

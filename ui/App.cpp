@@ -1,6 +1,7 @@
 #include "ui/App.h"
 
 #include <adwaita.h>
+#include <gtkmm/applicationwindow.h>
 #include <gtkmm/cssprovider.h>
 #include <gtkmm/stylecontext.h>
 
@@ -20,6 +21,18 @@ constexpr int minWidth = 820;
 constexpr int minHeight = 560;
 constexpr int firstWidth = 1040;
 constexpr int firstHeight = 780;
+
+// A window of libadwaita's, for gtkmm.
+class AppWindow : public Gtk::ApplicationWindow {
+ public:
+  AppWindow()
+      : Gtk::ApplicationWindow(
+            GTK_APPLICATION_WINDOW(g_object_new(ADW_TYPE_APPLICATION_WINDOW, nullptr))) {}
+
+  void setContent(Gtk::Widget& content) {
+    adw_application_window_set_content(ADW_APPLICATION_WINDOW(gobj()), content.gobj());
+  }
+};
 
 }  // namespace
 
@@ -41,20 +54,15 @@ void TamselApp::on_startup() {
 }
 
 void TamselApp::on_activate() {
-  if (Gtk::Window* window = get_active_window()) {
-    window->present();
-    return;
-  }
-  openWindow();
+  if (window_ == nullptr) openWindow();
+  window_->present();
 }
 
 void TamselApp::openWindow() {
   ruleListStore_ = std::make_unique<WebKitRuleListStore>();
   httpClient_ = std::make_unique<SoupHttpClient>();
-  savePanel_ = std::make_unique<GtkSavePanel>([this] {
-    Gtk::Window* window = get_active_window();
-    return window == nullptr ? nullptr : window->gobj();
-  });
+  savePanel_ = std::make_unique<GtkSavePanel>(
+      [this] { return window_ == nullptr ? nullptr : window_->gobj(); });
   auto newBrowser = std::make_unique<BrowserModel>(std::make_unique<WebKitView>());
   BrowserModel& browser = *newBrowser;
   app_ = std::make_unique<AppState>(AppState::Platform{
@@ -65,18 +73,18 @@ void TamselApp::openWindow() {
       .browser = std::move(newBrowser),
   });
 
-  auto* window = GTK_WINDOW(adw_application_window_new(gobj()));
-  gtk_window_set_title(window, title);
-  gtk_window_set_default_size(window, firstWidth, firstHeight);
-  gtk_widget_set_size_request(GTK_WIDGET(window), minWidth, minHeight);
-  auto* content = Gtk::make_managed<ContentView>(*app_, browser);
-  adw_application_window_set_content(ADW_APPLICATION_WINDOW(window), GTK_WIDGET(content->gobj()));
-  gtk_window_present(window);
+  auto window = std::make_unique<AppWindow>();
+  add_window(*window);
+  window->set_title(title);
+  window->set_default_size(firstWidth, firstHeight);
+  window->set_size_request(minWidth, minHeight);
+  window->setContent(*Gtk::make_managed<ContentView>(*app_, browser));
+  window_ = std::move(window);
 }
 
 void TamselApp::on_shutdown() {
   // The window first: its views show what goes next.
-  for (Gtk::Window* window : get_windows()) gtk_window_destroy(window->gobj());
+  window_.reset();
   app_.reset();
   Gtk::Application::on_shutdown();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtkmm/application.h>
+#include <gtkmm/window.h>
 
 #include <memory>
 
@@ -35,6 +36,7 @@ class TamselApp : public Gtk::Application {
   std::unique_ptr<SoupHttpClient> httpClient_;
   std::unique_ptr<GtkSavePanel> savePanel_;
   std::unique_ptr<AppState> app_;
+  std::unique_ptr<Gtk::Window> window_;
 };
 
 }  // namespace tamsel
