@@ -26,8 +26,8 @@ ContentView::ContentView(AppState& app, BrowserModel& browser)
   auto* tabs = ADW_VIEW_STACK(adw_view_stack_new());
   addTab(tabs, *Gtk::make_managed<BrowserView>(app, browser), "Browser", "safari");
   addTab(tabs, *Gtk::make_managed<ListsView>(app), "Lists", "list.bullet");
-  addTab(tabs, *Gtk::make_managed<RulesView>(), "Rules", "shield.lefthalf.filled");
-  addTab(tabs, *Gtk::make_managed<TesterView>(), "URL Tester", "magnifyingglass");
+  addTab(tabs, *Gtk::make_managed<RulesView>(app), "Rules", "shield.lefthalf.filled");
+  addTab(tabs, *Gtk::make_managed<TesterView>(app), "URL Tester", "magnifyingglass");
   addTab(tabs, *Gtk::make_managed<CustomRulesView>(app), "Custom Rules",
          "pencil.and.list.clipboard");
 

@@ -1,5 +1,14 @@
 #include "ui/RulesView.h"
 
+#include <gtkmm/frame.h>
+#include <gtkmm/listview.h>
+#include <gtkmm/noselection.h>
+#include <gtkmm/scrolledwindow.h>
+
+#include <algorithm>
+
+#include "compiler/Unicode.h"
+#include "state/StarterList.h"
 #include "ui/SafariNote.h"
 #include "ui/Widgets.h"
 
@@ -7,16 +16,243 @@ namespace tamsel {
 namespace {
 
 constexpr int padding = 8;
+constexpr int pickerWidth = 220;
+constexpr int searchWidth = 160;
+constexpr int countsHeight = 190;
+constexpr std::size_t shownLimit = 2000;
+
+std::size_t total(const ListStats& stats) {
+  return stats.block + stats.exception + stats.cosmetic;
+}
 
 }  // namespace
 
-RulesView::RulesView() : Gtk::Box(Gtk::Orientation::VERTICAL, 10) {
+SkippedRow::SkippedRow()
+    : Gtk::Box(Gtk::Orientation::VERTICAL, 2),
+      line_(makeLabel("", TextStyle::caption)),
+      reason_(makeLabel("", TextStyle::captionSecondary)) {
+  setStyle(*line_, TextStyle::monospace);
+  line_->set_wrap();
+  line_->set_wrap_mode(Pango::WrapMode::CHAR);
+  line_->set_lines(2);
+  line_->set_ellipsize(Pango::EllipsizeMode::END);
+  line_->set_selectable();
+  reason_->set_ellipsize(Pango::EllipsizeMode::END);
+  append(*line_);
+  append(*reason_);
+}
+
+void SkippedRow::show(const SkippedRule& skipped) {
+  setText(*line_, displayable(skipped.line.view()));
+  setText(*reason_,
+          displayable(skipped.reason.view()) + " — " + displayable(skipped.listName.view()));
+}
+
+RulesView::RulesView(AppState& app)
+    : Gtk::Box(Gtk::Orientation::VERTICAL, 10),
+      app_(app),
+      skippedRows_([] { return Gtk::make_managed<SkippedRow>(); },
+                   [this](SkippedRow& row, guint position) {
+                     if (position < shown_.size() && shown_[position] < app_.skipped->size()) {
+                       row.show(app_.skipped.get()[shown_[position]]);
+                     }
+                   }) {
   set_margin(padding);
-  Gtk::Label* title = makeLabel("Rules", TextStyle::title);
-  title->set_vexpand();
-  title->set_valign(Gtk::Align::START);
-  append(*title);
+  append(makeHeader());
+  compileError_ = makeLabel("", TextStyle::caption);
+  compileError_->add_css_class("error");
+  truncated_ = makeLabel("Over WebKit's " + std::to_string(AppState::ruleLimit) +
+                             " rule limit — extra rules were dropped.",
+                         TextStyle::caption);
+  truncated_->add_css_class("warning");
+  for (Gtk::Label* label : {compileError_, truncated_}) {
+    label->set_wrap();
+    label->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+    append(*label);
+  }
+  append(makeCounts());
+  append(makeSkippedHeader());
+  append(makeSkipped());
   append(*Gtk::make_managed<SafariNote>());
+  redraw_.follow(app.objectWillChange);
+}
+
+Gtk::Widget& RulesView::makeHeader() {
+  auto* header = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 10);
+  auto* titles = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::VERTICAL, 2);
+  titles->set_hexpand();
+  titles->append(*makeLabel("Rules", TextStyle::title));
+  total_ = makeLabel("", TextStyle::captionSecondary);
+  titles->append(*total_);
+  header->append(*titles);
+  setSymbolAndText(export_, "square.and.arrow.up", "Export JSON…");
+  export_.set_valign(Gtk::Align::CENTER);
+  export_.signal_clicked().connect([this] { app_.exportJSON(); });
+  header->append(export_);
+  return *header;
+}
+
+void RulesView::addColumn(Gtk::ColumnView& table, const char* title,
+                          const std::function<std::string(const Source&)>& text) {
+  const bool isFirst = columns_.empty();
+  auto rows = std::make_unique<Rows<Gtk::Label>>(
+      [isFirst] {
+        Gtk::Label* cell = makeLabel("", TextStyle::body);
+        cell->set_xalign(isFirst ? 0 : 1);
+        cell->set_halign(Gtk::Align::FILL);
+        if (isFirst) cell->set_ellipsize(Pango::EllipsizeMode::END);
+        return cell;
+      },
+      [this, text](Gtk::Label& cell, guint position) {
+        const std::vector<Source> all = sources();
+        if (position >= all.size()) return;
+        setText(cell, displayable(text(all[position])));
+        setClass(cell, secondary, !all[position].isEnabled);
+      });
+  const auto column = Gtk::ColumnViewColumn::create(title, rows->factory());
+  column->set_expand(isFirst);
+  table.append_column(column);
+  columns_.push_back(std::move(rows));
+}
+
+Gtk::Widget& RulesView::makeCounts() {
+  auto* group = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::VERTICAL, 4);
+  group->append(*makeLabel("Rules produced per list", TextStyle::heading));
+  auto* table = Gtk::make_managed<Gtk::ColumnView>(Gtk::NoSelection::create(counts_));
+  table->add_css_class("data-table");
+  const auto number = [this](std::size_t (*of)(const ListStats&)) {
+    return [this, of](const Source& source) { return std::to_string(of(statsOf(source))); };
+  };
+  addColumn(*table, "List",
+            [](const Source& source) { return source.name + (source.isEnabled ? "" : " (off)"); });
+  addColumn(*table, "Block", number([](const ListStats& stats) { return stats.block; }));
+  addColumn(*table, "Exceptions", number([](const ListStats& stats) { return stats.exception; }));
+  addColumn(*table, "Hide", number([](const ListStats& stats) { return stats.cosmetic; }));
+  addColumn(*table, "Total", number(total));
+  addColumn(*table, "Skipped", number([](const ListStats& stats) { return stats.skipped; }));
+
+  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
+  scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
+  scrolled->set_propagate_natural_height();
+  scrolled->set_max_content_height(countsHeight);
+  scrolled->set_child(*table);
+  scrolled->add_css_class("editor-frame");
+  group->append(*scrolled);
+  return *group;
+}
+
+Gtk::Widget& RulesView::makeSkippedHeader() {
+  auto* row = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 8);
+  skippedTitle_ = makeLabel("", TextStyle::heading);
+  skippedTitle_->set_hexpand();
+  row->append(*skippedTitle_);
+
+  Gtk::Label* label = makeLabel("List", TextStyle::body);
+  row->append(*label);
+  picker_.set_model(choices_);
+  picker_.set_size_request(pickerWidth, -1);
+  setLabel(picker_, *label);
+  onPick_ = picker_.property_selected().signal_changed().connect([this] {
+    const guint selected = picker_.get_selected();
+    listFilter_ = selected > 0 && selected <= choiceIds_.size()
+                      ? std::optional(choiceIds_[selected - 1])
+                      : std::nullopt;
+    drawSkipped();
+  });
+  row->append(picker_);
+
+  search_.set_placeholder_text("Filter");
+  search_.set_size_request(searchWidth, -1);
+  gtk_accessible_update_property(GTK_ACCESSIBLE(search_.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                 "Filter", -1);
+  search_.signal_changed().connect([this] { drawSkipped(); });
+  row->append(search_);
+  return *row;
+}
+
+Gtk::Widget& RulesView::makeSkipped() {
+  auto* list =
+      Gtk::make_managed<Gtk::ListView>(Gtk::NoSelection::create(skipped_), skippedRows_.factory());
+  list->add_css_class("skipped");
+  list->set_show_separators();
+  gtk_accessible_update_property(GTK_ACCESSIBLE(list->gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                 "Skipped lines", -1);
+  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
+  scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
+  scrolled->set_child(*list);
+  scrolled->set_vexpand();
+  scrolled->add_css_class("editor-frame");
+  return *scrolled;
+}
+
+std::vector<RulesView::Source> RulesView::sources() const {
+  std::vector<Source> all;
+  all.reserve(app_.lists->size() + 1);
+  for (const FilterList& list : *app_.lists) all.push_back({list.id, list.name, list.enabled});
+  all.push_back({Starter::customID, "Custom rules", true});
+  return all;
+}
+
+ListStats RulesView::statsOf(const Source& source) const {
+  const auto found = app_.stats->find(source.id);
+  return found == app_.stats->end() ? ListStats() : found->second;
+}
+
+void RulesView::draw() {
+  setText(*total_, std::to_string(*app_.totalRules) +
+                       " WebKit content-blocker rules compiled from enabled lists");
+  export_.set_sensitive(*app_.totalRules > 0);
+  compileError_->set_visible(app_.compileError->has_value());
+  setText(*compileError_, "WebKit compile error: " + displayable(app_.compileError->value_or("")));
+  truncated_->set_visible(*app_.truncated);
+
+  counts_->setSize(static_cast<guint>(app_.lists->size() + 1));
+  for (const auto& column : columns_) column->draw();
+  drawPicker();
+  drawSkipped();
+}
+
+void RulesView::drawPicker() {
+  std::vector<Glib::ustring> names{"All lists"};
+  std::vector<Uuid> ids;
+  for (const Source& source : sources()) {
+    names.push_back(displayable(source.name));
+    ids.push_back(source.id);
+  }
+  bool isSame = choices_->get_n_items() == names.size() && ids == choiceIds_;
+  for (guint i = 0; isSame && i < names.size(); ++i) isSame = choices_->get_string(i) == names[i];
+  if (isSame) return;
+
+  onPick_.block();
+  choices_->splice(0, choices_->get_n_items(), names);
+  choiceIds_ = ids;
+  // A list that is gone stays chosen, so that nothing else is shown in its place.
+  guint selected = 0;
+  if (listFilter_) {
+    const auto found = std::find(ids.begin(), ids.end(), *listFilter_);
+    selected = found == ids.end() ? GTK_INVALID_LIST_POSITION
+                                  : static_cast<guint>(found - ids.begin()) + 1;
+  }
+  picker_.set_selected(selected);
+  onPick_.unblock();
+}
+
+void RulesView::drawSkipped() {
+  const std::string search = Unicode::lowercased(search_.get_text().raw());
+  const auto holds = [&search](std::string_view text) {
+    return Unicode::lowercased(text).find(search) != std::string::npos;
+  };
+  std::size_t count = 0;
+  shown_.clear();
+  const std::vector<SkippedRule>& all = *app_.skipped;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (listFilter_ && *listFilter_ != all[i].listID) continue;
+    if (!search.empty() && !holds(all[i].line.view()) && !holds(all[i].reason.view())) continue;
+    if (++count <= shownLimit) shown_.push_back(i);
+  }
+  setText(*skippedTitle_, "Skipped as unsupported (" + std::to_string(count) + ")");
+  skipped_->setSize(static_cast<guint>(shown_.size()));
+  skippedRows_.draw();
 }
 
 }  // namespace tamsel

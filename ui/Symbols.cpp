@@ -21,6 +21,12 @@ std::string icon(std::string_view symbol) {
       Pair{"arrow.clockwise", "view-refresh-symbolic"},
       Pair{"hand.raised.fill", "tamsel-hand-symbolic"},
       Pair{"info.circle", "tamsel-info-symbolic"},
+      Pair{"plus", "list-add-symbolic"},
+      Pair{"trash", "user-trash-symbolic"},
+      Pair{"square.and.arrow.up", "tamsel-export-symbolic"},
+      Pair{"checkmark.circle", "tamsel-check-symbolic"},
+      Pair{"checkmark.circle.fill", "tamsel-check-filled-symbolic"},
+      Pair{"xmark.octagon.fill", "tamsel-blocked-symbolic"},
   };
   for (const auto& [name, iconName] : icons) {
     if (name == symbol) return iconName;

@@ -1,22 +1,166 @@
 #include "ui/TesterView.h"
 
+#include <gtkmm/button.h>
+#include <gtkmm/stringlist.h>
+
+#include <array>
+#include <optional>
+#include <vector>
+
+#include "compiler/Unicode.h"
+#include "platform/mainloop/Awaiting.h"
+#include "state/StarterList.h"
 #include "ui/SafariNote.h"
+#include "ui/Symbols.h"
 #include "ui/Widgets.h"
 
 namespace tamsel {
 namespace {
 
 constexpr int padding = 12;
+constexpr int typeWidth = 190;
+constexpr std::array types{"image", "script", "style-sheet", "font",
+                           "raw",   "media",  "document",    "popup"};
+
+struct Headline {
+  const char* text;
+  std::string_view symbol;
+  bool isBlocked;
+};
+
+Headline headline(const Engine::Verdict& verdict) {
+  if (!verdict.block) {
+    return {"No network rule matches — request is allowed", "checkmark.circle", false};
+  }
+  if (!verdict.exception) return {"Would be blocked", "xmark.octagon.fill", true};
+  return {"Allowed by an exception", "checkmark.circle.fill", false};
+}
 
 }  // namespace
 
-TesterView::TesterView() : Gtk::Box(Gtk::Orientation::VERTICAL, 10) {
+RuleRow::RuleRow()
+    : Gtk::Box(Gtk::Orientation::VERTICAL, 1),
+      rule_(makeLabel("", TextStyle::monospace)),
+      origin_(makeLabel("", TextStyle::captionSecondary)) {
+  for (Gtk::Label* label : {rule_, origin_}) {
+    label->set_wrap();
+    label->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+    label->set_selectable();
+    append(*label);
+  }
+}
+
+void RuleRow::show(const std::string& title, const SourcedRule& rule) {
+  setText(*rule_, title + ": " + displayable(rule.source.view()));
+  setText(*origin_, "from " + displayable(rule.listName.view()) + " · url-filter " +
+                        displayable(rule.rule.trigger.urlFilter.view()));
+}
+
+TesterView::TesterView(AppState& app) : Gtk::Box(Gtk::Orientation::VERTICAL, 10), app_(app) {
   set_margin(padding);
-  Gtk::Label* title = makeLabel("URL tester", TextStyle::title);
-  title->set_vexpand();
-  title->set_valign(Gtk::Align::START);
-  append(*title);
-  append(*Gtk::make_managed<SafariNote>());
+  append(*makeLabel("URL tester", TextStyle::title));
+  Gtk::Label* caption = makeLabel(
+      "Type a request URL to see which network rule would block it (or which exception allows it).",
+      TextStyle::captionSecondary);
+  caption->set_wrap();
+  append(*caption);
+  append(makeForm());
+  append(makeResult());
+  auto* note = Gtk::make_managed<SafariNote>();
+  note->set_vexpand();
+  note->set_valign(Gtk::Align::END);
+  append(*note);
+}
+
+Gtk::Widget& TesterView::makeForm() {
+  auto* form = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::VERTICAL, 10);
+  const auto prepare = [this](Gtk::Entry& entry, const char* placeholder, const char* name,
+                              const std::string& text) {
+    entry.set_placeholder_text(placeholder);
+    entry.set_text(text);
+    entry.set_hexpand();
+    entry.set_input_purpose(Gtk::InputPurpose::URL);
+    gtk_accessible_update_property(GTK_ACCESSIBLE(entry.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                   name, -1);
+    entry.signal_activate().connect([this] { start(); });
+  };
+  prepare(url_, "Request URL", "Request URL",
+          "https://" + std::string(Starter::Hosts::ads) + "/banner.png");
+  prepare(page_, "Page URL it is loaded from (optional)", "Page URL",
+          "https://" + std::string(Starter::Hosts::demo) + "/");
+  form->append(url_);
+
+  auto* row = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 8);
+  row->append(page_);
+  Gtk::Label* label = makeLabel("Type", TextStyle::body);
+  row->append(*label);
+  type_.set_model(Gtk::StringList::create({types.begin(), types.end()}));
+  type_.set_size_request(typeWidth, -1);
+  setLabel(type_, *label);
+  row->append(type_);
+  auto* button = Gtk::make_managed<Gtk::Button>("Test");
+  button->add_css_class("suggested-action");
+  button->signal_clicked().connect([this] { start(); });
+  row->append(*button);
+  form->append(*row);
+  return *form;
+}
+
+Gtk::Widget& TesterView::makeResult() {
+  auto* title = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 8);
+  title->append(symbol_);
+  headline_ = makeLabel("", TextStyle::heading);
+  headline_->set_wrap();
+  title->append(*headline_);
+  result_.append(*title);
+  result_.append(first_);
+  result_.append(second_);
+  thirdParty_ = makeLabel("", TextStyle::captionSecondary);
+  result_.append(*thirdParty_);
+  result_.add_css_class("card");
+  result_.add_css_class("result");
+  result_.set_visible(false);
+  return result_;
+}
+
+void TesterView::start() {
+  tests_.add(test());
+}
+
+Task<void> TesterView::test() {
+  std::shared_ptr<const Engine> engine = app_.engine();
+  if (engine == nullptr) co_return;
+  auto evaluating = detached([engine = std::move(engine),
+                              url = std::string(Unicode::stripped(url_.get_text().raw())),
+                              page = std::string(Unicode::stripped(page_.get_text().raw())),
+                              type = std::string(types.at(type_.get_selected()))] {
+    const auto pageURL = page.empty() ? std::nullopt : std::optional<std::string_view>(page);
+    return engine->evaluate(url, pageURL, type);
+  });
+  const Engine::Verdict verdict = co_await evaluating;
+  show(verdict);
+}
+
+void TesterView::show(const Engine::Verdict& verdict) {
+  const auto [text, symbol, isBlocked] = headline(verdict);
+  setText(*headline_, text);
+  symbol_.set_from_icon_name(Symbols::icon(symbol));
+  for (Gtk::Widget* widget : std::array<Gtk::Widget*, 2>{headline_, &symbol_}) {
+    setClass(*widget, "error", isBlocked);
+    setClass(*widget, "success", !isBlocked);
+  }
+
+  first_.set_visible(verdict.block.has_value());
+  second_.set_visible(verdict.block && verdict.exception);
+  if (verdict.block && verdict.exception) {
+    first_.show("Exception", *verdict.exception);
+    second_.show("Would otherwise be blocked by", *verdict.block);
+  } else if (verdict.block) {
+    first_.show("Rule", *verdict.block);
+  }
+  thirdParty_->set_visible(verdict.block.has_value());
+  setText(*thirdParty_, std::string("Third-party request: ") + (verdict.thirdParty ? "yes" : "no"));
+  result_.set_visible();
 }
 
 }  // namespace tamsel

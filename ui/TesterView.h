@@ -1,13 +1,52 @@
 #pragma once
 
 #include <gtkmm/box.h>
+#include <gtkmm/dropdown.h>
+#include <gtkmm/entry.h>
+#include <gtkmm/image.h>
+#include <gtkmm/label.h>
+
+#include <string>
+
+#include "engine/Engine.h"
+#include "platform/mainloop/Task.h"
+#include "state/AppState.h"
 
 namespace tamsel {
 
-/// The tab with a test of single URLs.
+/// A rule that decides about a request, and where it comes from.
+class RuleRow : public Gtk::Box {
+ public:
+  RuleRow();
+
+  void show(const std::string& title, const SourcedRule& rule);
+
+ private:
+  Gtk::Label* rule_;
+  Gtk::Label* origin_;
+};
+
+/// The tab with a test of single requests.
 class TesterView : public Gtk::Box {
  public:
-  TesterView();
+  explicit TesterView(AppState& app);
+
+ private:
+  Gtk::Widget& makeForm();
+  Gtk::Widget& makeResult();
+  void start();
+  Task<void> test();
+  void show(const Engine::Verdict& verdict);
+
+  AppState& app_;
+  Gtk::Entry url_, page_;
+  Gtk::DropDown type_;
+  Gtk::Box result_{Gtk::Orientation::VERTICAL, 6};
+  Gtk::Image symbol_;
+  Gtk::Label* headline_ = nullptr;
+  RuleRow first_, second_;
+  Gtk::Label* thirdParty_ = nullptr;
+  TaskScope tests_;
 };
 
 }  // namespace tamsel

@@ -2,6 +2,7 @@
 
 /// The window's content, and the views in it. Each draws what the models hold and keeps none of it.
 
+#include "ui/AddListSheet.h"
 #include "ui/BlockedPopover.h"
 #include "ui/BrowserView.h"
 #include "ui/ContentView.h"

@@ -1,8 +1,11 @@
 #include "ui/Widgets.h"
 
 #include <gtk/gtk.h>
+#include <gtkmm/box.h>
+#include <gtkmm/image.h>
 
 #include "compiler/Unicode.h"
+#include "ui/Symbols.h"
 
 namespace tamsel {
 namespace {
@@ -44,6 +47,17 @@ void setName(Gtk::Widget& widget, const std::string& name) {
   widget.set_tooltip_text(name);
   gtk_accessible_update_property(GTK_ACCESSIBLE(widget.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
                                  name.c_str(), -1);
+}
+
+void setSymbolAndText(Gtk::Button& button, std::string_view symbol, const Glib::ustring& text) {
+  auto* content = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 6);
+  auto* icon = Gtk::make_managed<Gtk::Image>();
+  icon->set_from_icon_name(Symbols::icon(symbol));
+  content->append(*icon);
+  Gtk::Label* label = makeLabel(text, TextStyle::body);
+  content->append(*label);
+  button.set_child(*content);
+  setLabel(button, *label);
 }
 
 void setLabel(Gtk::Widget& widget, Gtk::Widget& label) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gtkmm/button.h>
 #include <gtkmm/label.h>
 #include <gtkmm/widget.h>
 
@@ -21,6 +22,9 @@ inline constexpr const char* secondary = "dim-label";
 
 /// What a widget without text is called by those who cannot see it, and by its tooltip.
 void setName(Gtk::Widget& widget, const std::string& name);
+
+/// Puts a symbol and its text on a button.
+void setSymbolAndText(Gtk::Button& button, std::string_view symbol, const Glib::ustring& text);
 
 /// Says that the label names the widget.
 void setLabel(Gtk::Widget& widget, Gtk::Widget& label);

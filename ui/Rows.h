@@ -1,0 +1,53 @@
+#pragma once
+
+#include <gtkmm/listitem.h>
+#include <gtkmm/signallistitemfactory.h>
+#include <gtkmm/widget.h>
+
+#include <functional>
+#include <map>
+
+#include "ui/RowModel.h"
+
+namespace tamsel {
+
+/// The rows of a list or a column over a RowModel: widgets of one kind, of which only those on
+/// screen exist. They are drawn when they come on screen, and by `draw`.
+template <typename Row>
+class Rows {
+ public:
+  using Make = std::function<Row*()>;
+  using Draw = std::function<void(Row&, guint position)>;
+
+  /// `make` makes a managed widget; `drawRow` has it show what belongs to a position.
+  Rows(Make make, Draw drawRow) : draw_(std::move(drawRow)) {
+    factory_->signal_setup().connect([make](const Glib::RefPtr<Gtk::ListItem>& item) {
+      item->set_activatable(false);
+      item->set_child(*make());
+    });
+    factory_->signal_bind().connect([this](const Glib::RefPtr<Gtk::ListItem>& item) {
+      auto* row = dynamic_cast<Row*>(item->get_child());
+      shown_[row] = item->get_position();
+      draw_(*row, item->get_position());
+    });
+    factory_->signal_unbind().connect([this](const Glib::RefPtr<Gtk::ListItem>& item) {
+      shown_.erase(dynamic_cast<Row*>(item->get_child()));
+    });
+  }
+  Rows(const Rows&) = delete;
+  Rows& operator=(const Rows&) = delete;
+
+  const Glib::RefPtr<Gtk::SignalListItemFactory>& factory() const { return factory_; }
+
+  /// Draws the rows that are shown.
+  void draw() {
+    for (const auto& [row, position] : shown_) draw_(*row, position);
+  }
+
+ private:
+  Draw draw_;
+  std::map<Row*, guint> shown_;
+  Glib::RefPtr<Gtk::SignalListItemFactory> factory_ = Gtk::SignalListItemFactory::create();
+};
+
+}  // namespace tamsel
