@@ -37,6 +37,11 @@ std::string resolved(const std::string& text) {
   return isAddress ? "https://" + text : searchFor(text);
 }
 
+// What WebKit's rules look at: all but the fragment.
+std::string_view requested(std::string_view url) {
+  return url.substr(0, url.find('#'));
+}
+
 std::string shortened(std::string text) {
   if (text.size() <= BrowserModel::keptURLLength) return text;
   return std::string(Unicode::beginning(text, BrowserModel::keptURLLength)) + "…";
@@ -147,7 +152,8 @@ Task<void> BrowserModel::evaluateReports() {
       for (Report& report : some) {
         const std::optional<std::string_view> page =
             report.pageURL.empty() ? std::nullopt : std::optional<std::string_view>(report.pageURL);
-        const Engine::Verdict verdict = report.engine->evaluate(report.url, page, report.type);
+        const Engine::Verdict verdict =
+            report.engine->evaluate(requested(report.url), page, report.type);
         if (verdict.block && !verdict.exception)
           blocked.push_back(shortened(std::move(report.url)));
       }

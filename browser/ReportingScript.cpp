@@ -9,12 +9,19 @@ namespace tamsel::Reporting {
 const std::string_view script = R"js((() => {
   'use strict';
   if (window.__tmInstalled) return;
-  window.__tmInstalled = true;
+  Object.defineProperty(window, '__tmInstalled', { value: true });
 
   const { apply } = Reflect;
-  const { String, URL, XMLHttpRequest } = window;
+  const { String, URL, WeakMap, XMLHttpRequest } = window;
   const { addEventListener } = EventTarget.prototype;
   const { then } = Promise.prototype;
+  const { toLowerCase } = String.prototype;
+  const { get, set } = WeakMap.prototype;
+  const getter = (type, key) => Object.getOwnPropertyDescriptor(type.prototype, key).get;
+  const target = getter(Event, 'target');
+  const tagName = getter(Element, 'tagName');
+  const href = getter(URL, 'href');
+  const baseURI = getter(Node, 'baseURI');
   const handler = window.webkit.messageHandlers.tmBlocked;
   const { postMessage } = handler;
 
@@ -23,27 +30,34 @@ const std::string_view script = R"js((() => {
       apply(postMessage, handler, [{ url: String(url), type }]);
     } catch {}
   };
+  // Of a text or a URL; nothing of what might do something when it is read.
   const absolute = url => {
     try {
-      return new URL(url, location.href).href;
+      return typeof url === 'string'
+          ? apply(href, new URL(url, apply(baseURI, document, [])), []) : apply(href, url, []);
     } catch {}
   };
 
   // The errors of elements do not bubble.
-  addEventListener.call(window, 'error', event => {
-    const element = event.target;
-    if (!element || element === window || !element.tagName) return;
-    const url = element.currentSrc || element.src || element.href;
-    if (url) post(url, String(element.tagName).toLowerCase());
-  }, true);
+  apply(addEventListener, window, ['error', event => {
+    try {
+      const element = apply(target, event, []);
+      if (!element || element === window) return;
+      const name = apply(tagName, element, []);
+      const url = element.currentSrc || element.src || element.href;
+      if (url) post(url, apply(toLowerCase, name, []));
+    } catch {}
+  }, true]);
 
   const pageFetch = window.fetch;
-  if (pageFetch) {
-    window.fetch = function fetch(input) {
+  const pageOpen = XMLHttpRequest.prototype.open;
+  const opened = new WeakMap();
+  const wrappers = {
+    fetch(input) {
       let url;
       try {
-        url = typeof input === 'string' ? input : input && input.url;
-        if (typeof url === 'string') url = absolute(url);
+        const text = typeof input === 'string' ? input : input && input.url;
+        if (typeof text === 'string') url = absolute(text);
       } catch {}
       const promise = apply(pageFetch, this, arguments);
       if (!url) return promise;
@@ -52,27 +66,26 @@ const std::string_view script = R"js((() => {
         post(url, 'fetch');
         throw error;
       }]);
-    };
-  }
+    },
 
-  const pageOpen = XMLHttpRequest.prototype.open;
-  const opened = new WeakMap();
-  const { get, set } = WeakMap.prototype;
-  XMLHttpRequest.prototype.open = function open(method, url) {
-    if (arguments.length >= 2) {
-      try {
-        const isNew = apply(get, opened, [this]) === undefined;
-        apply(set, opened, [this, { url: absolute(url) }]);
-        if (isNew) {
-          apply(addEventListener, this, ['error', () => {
-            const { url } = apply(get, opened, [this]);
-            if (url) post(url, 'xhr');
-          }]);
-        }
-      } catch {}
-    }
-    return apply(pageOpen, this, arguments);
+    open(method, url) {
+      if (arguments.length >= 2) {
+        try {
+          const isNew = apply(get, opened, [this]) === undefined;
+          apply(set, opened, [this, { url: absolute(url) }]);
+          if (isNew) {
+            apply(addEventListener, this, ['error', () => {
+              const { url } = apply(get, opened, [this]);
+              if (url) post(url, 'xhr');
+            }]);
+          }
+        } catch {}
+      }
+      return apply(pageOpen, this, arguments);
+    },
   };
+  if (pageFetch) window.fetch = wrappers.fetch;
+  XMLHttpRequest.prototype.open = wrappers.open;
 })();
 )js";
 

@@ -82,6 +82,10 @@ WebKitView::WebKitView(const Options& options)
   on(view, "decide-policy",
      [](WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type,
         WebKitView* self) -> gboolean {
+       if (type == WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) {
+         self->onNavigationAction(webkit_navigation_policy_decision_get_navigation_action(
+             WEBKIT_NAVIGATION_POLICY_DECISION(decision)));
+       }
        if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return FALSE;
        auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
        if (webkit_response_policy_decision_is_main_frame_main_resource(response) != FALSE) {
@@ -113,10 +117,12 @@ WebKitView::WebKitView(const Options& options)
      });
   on(view, "notify::is-web-process-responsive",
      [](GObject*, GParamSpec*, WebKitView* self) { self->onResponsivenessChanged(); });
-  // Pages change their own address and history too.
-  on(view, "notify::uri", [](GObject*, GParamSpec*, WebKitView* self) {
-    if (!self->isLoading()) self->changed();
-  });
+  // Pages change their own address, title and history too.
+  for (const char* property : {"notify::uri", "notify::title"}) {
+    on(view, property, [](GObject*, GParamSpec*, WebKitView* self) {
+      if (!self->isLoading()) self->changed();
+    });
+  }
   on(webkit_web_view_get_back_forward_list(view_.get()), "changed",
      [](WebKitBackForwardList*, gpointer, gpointer, WebKitView* self) { self->changed(); });
 }
@@ -157,6 +163,7 @@ void WebKitView::loadHtml(const std::string& html, const std::string& baseURL) {
 
 void WebKitView::begin(Pending pending) {
   repetition_.reset();
+  stopsAtStart_ = false;
   pending_ = std::move(pending);
   const Pending now = *pending_;
   willNavigate(now.url);
@@ -187,9 +194,17 @@ void WebKitView::reload() {
 
 void WebKitView::stopLoading() {
   repetition_.reset();
+  // Stopped before it has begun, WebKit would say that it loads for ever.
+  stopsAtStart_ = pending_ && !isProvisional_;
+  if (stopsAtStart_) return;
   pending_.reset();
   stopAwaitingAnswer();
   webkit_web_view_stop_loading(view_.get());
+}
+
+void WebKitView::stayOnPage() {
+  if (!url().empty()) willNavigate(url());
+  changed();
 }
 
 WebKitBackForwardListItem* WebKitView::behindTextPage() const {
@@ -204,19 +219,13 @@ void WebKitView::goBack() {
     item =
         webkit_back_forward_list_get_back_item(webkit_web_view_get_back_forward_list(view_.get()));
   }
-  if (item == nullptr) return;
-  pending_.reset();
-  willNavigate(text(webkit_back_forward_list_item_get_uri(item)));
-  webkit_web_view_go_to_back_forward_list_item(view_.get(), item);
+  if (item != nullptr) moveTo(item);
 }
 
 void WebKitView::goForward() {
   WebKitBackForwardListItem* item =
       webkit_back_forward_list_get_forward_item(webkit_web_view_get_back_forward_list(view_.get()));
-  if (item == nullptr) return;
-  pending_.reset();
-  willNavigate(text(webkit_back_forward_list_item_get_uri(item)));
-  webkit_web_view_go_to_back_forward_list_item(view_.get(), item);
+  if (item != nullptr) moveTo(item);
 }
 
 std::string WebKitView::url() const {
@@ -265,6 +274,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
     case WEBKIT_LOAD_STARTED:
       isProvisional_ = true;
       if (delegate_ != nullptr) delegate_->didStart();
+      if (std::exchange(stopsAtStart_, false)) stopLoading();
       break;
     case WEBKIT_LOAD_REDIRECTED:
       if (timer_ != 0) awaitAnswer();
@@ -322,7 +332,7 @@ void WebKitView::fail(Failure failure) {
   const bool wasProvisional = std::exchange(isProvisional_, false);
   if (delegate_ != nullptr) delegate_->didFail(failure);
   // The page before stays, and with it its list.
-  if (wasProvisional && !pending_ && !url().empty()) willNavigate(url());
+  if (wasProvisional && !pending_) stayOnPage();
 }
 
 void WebKitView::onPageRequest(WebKitURIRequest* request) {
@@ -336,9 +346,50 @@ void WebKitView::onPageRequest(WebKitURIRequest* request) {
   webkit_web_view_stop_loading(view_.get());
 }
 
+// Moving in the history has to stay that.
+void WebKitView::onNavigationAction(WebKitNavigationAction* action) {
+  const bool isMove =
+      webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_BACK_FORWARD;
+  if (isMove) {
+    lastMove_ = text(webkit_uri_request_get_uri(webkit_navigation_action_get_request(action)));
+  }
+}
+
+WebKitBackForwardListItem* WebKitView::itemOf(const std::string& url) const {
+  WebKitBackForwardList* history = webkit_web_view_get_back_forward_list(view_.get());
+  const auto isOfUrl = [&url](WebKitBackForwardListItem* item) {
+    return item != nullptr && text(webkit_back_forward_list_item_get_uri(item)) == url;
+  };
+  // WebKit may have moved already.
+  WebKitBackForwardListItem* found = webkit_back_forward_list_get_current_item(history);
+  if (isOfUrl(found)) return found;
+  found = nullptr;
+  for (GList* items : {webkit_back_forward_list_get_back_list(history),
+                       webkit_back_forward_list_get_forward_list(history)}) {
+    for (GList* item = items; item != nullptr && found == nullptr; item = item->next) {
+      auto* entry = WEBKIT_BACK_FORWARD_LIST_ITEM(item->data);
+      if (isOfUrl(entry)) found = entry;
+    }
+    g_list_free(items);
+  }
+  return found;
+}
+
 void WebKitView::repeat() {
-  openInThisView(repetition_.get());
+  const std::string url = text(webkit_uri_request_get_uri(repetition_.get()));
+  WebKitBackForwardListItem* item = lastMove_ == url ? itemOf(url) : nullptr;
+  if (item != nullptr) {
+    moveTo(item);
+  } else {
+    openInThisView(repetition_.get());
+  }
   repetition_.reset();
+}
+
+void WebKitView::moveTo(WebKitBackForwardListItem* item) {
+  pending_.reset();
+  willNavigate(text(webkit_back_forward_list_item_get_uri(item)));
+  webkit_web_view_go_to_back_forward_list_item(view_.get(), item);
 }
 
 void WebKitView::onPageResponse(WebKitResponsePolicyDecision* decision) {

@@ -71,7 +71,10 @@ class WebKitView : public WebView {
   void onPageRequest(WebKitURIRequest* request);
   void onPageResponse(WebKitResponsePolicyDecision* decision);
   void openInThisView(WebKitURIRequest* request);
+  void onNavigationAction(WebKitNavigationAction* action);
   void repeat();
+  void moveTo(WebKitBackForwardListItem* item);
+  void stayOnPage();
   void onProcessEnded(WebKitWebProcessTerminationReason reason);
   void onResponsivenessChanged();
   void onTimeout();
@@ -80,6 +83,8 @@ class WebKitView : public WebView {
   void changed();
   // The last entry of the history, which is not shown while a page of text is.
   WebKitBackForwardListItem* behindTextPage() const;
+  // The nearest entry of the history with this address; null if there is none.
+  WebKitBackForwardListItem* itemOf(const std::string& url) const;
 
   std::unique_ptr<WebKitUserContentManager, Unref> content_;
   std::unique_ptr<WebKitWebView, Unref> view_;
@@ -89,9 +94,13 @@ class WebKitView : public WebView {
   std::optional<TextPage> shownText_;
   // A page has begun to load and none of it is there.
   bool isProvisional_ = false;
+  // It is not wanted any more.
+  bool stopsAtStart_ = false;
   // What is to be requested again, as soon as the first request is cancelled. To WebKit, one that
   // comes earlier may get lost.
   std::unique_ptr<WebKitURIRequest, Unref> repetition_;
+  // Where the page or a frame of it last moved in the history.
+  std::string lastMove_;
   // How often that happened to the page that is to come.
   int repetitions_ = 0;
   std::chrono::milliseconds timeout_;
