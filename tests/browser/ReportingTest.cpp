@@ -1,0 +1,255 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "browser/ReportingScript.h"
+#include "tests/support/RealBrowser.h"
+
+namespace tamsel {
+namespace {
+
+using test::runUntil;
+using testing::ElementsAre;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
+
+// Each host only for one way of loading, so that a report as another type comes to nothing.
+constexpr const char* rules =
+    "||image.test^$image\n||script.test^$script\n||style.test^$stylesheet\n||media.test^$media\n"
+    "||raw.test^$xmlhttprequest\n||frame.test^$subdocument\n/adpath/$xmlhttprequest\n"
+    "@@||image.test/ok^\n/end.gif|\n";
+
+// What the pages here are made with; a page is done when `done` is.
+constexpr const char* tools = R"(<!DOCTYPE html><title>Page</title><script>var done;
+  const element = (tag, src, parent = document.documentElement) => new Promise(end => {
+    const made = Object.assign(document.createElement(tag), { src });
+    made.onload = made.onerror = () => end(tag);
+    parent.append(made);
+  });
+  const request = (...urls) => new Promise(end => {
+    const xhr = new XMLHttpRequest();
+    for (const url of urls) xhr.open('GET', url);
+    xhr.onloadend = () => end(xhr.status === 200 ? xhr.responseText : 'failed');
+    xhr.send();
+  });
+  const got = async promise => {
+    try { return await (await promise).text(); } catch (error) { return error.name; }
+  };
+  const thrown = call => {
+    try { return call(new XMLHttpRequest()); } catch (error) { return error.name; }
+  };
+  const unhandled = make => new Promise(end => {
+    onunhandledrejection = event => end(event.promise === promise && event.reason.name);
+    const promise = make();
+  });
+  const post = message => { webkit.messageHandlers.tmBlocked.postMessage(message); };
+  const requestAll = async interfere => {
+    const { then } = Promise.prototype;
+    const ask = interfere(() => { throw new Error('none'); }) || (url => fetch(url));
+    const image = element('img', 'http://image.test/');
+    const answers = [await got(ask('http://raw.test/fetch')), await request('http://raw.test/xhr'),
+                     await image, await got(ask('/data')), await request('/data')];
+    Promise.prototype.then = then;
+    return answers.join(' ');
+  };
+</script>)";
+
+class ReportingTest : public testing::Test {
+ protected:
+  ReportingTest() : browser(rules) {
+    browser.sites.pages["http://page.test/data"] = {.body = "fine"};
+    show("");
+  }
+
+  std::string evaluate(const std::string& expression) {
+    std::string result = browser.evaluate(expression);
+    browser.settle();
+    return result;
+  }
+  // What `done` comes to on a page with this in it.
+  std::string show(const std::string& body, const std::string& policy = "") {
+    browser.sites.pages["http://page.test/"] = {.body = tools + body,
+                                                .headers = {{"Content-Security-Policy", policy}}};
+    browser.sites.requests.clear();
+    browser.open("http://page.test/");
+    return evaluate("done");
+  }
+  const std::vector<std::string>& blocked() {
+    EXPECT_EQ(*browser.model().blockedCount, browser.model().blockedURLs->size());
+    return *browser.model().blockedURLs;
+  }
+  // Each on a page of its own, before this page requests something in every way.
+  void expectAllBlockedAfter(const std::vector<std::string>& interferences) {
+    for (const std::string& body : interferences) {
+      SCOPED_TRACE(body);
+      // Asked for by a title: a script of the test's would be interfered with as well.
+      show(
+          "<script>(async () => {"
+          "  document.title = await requestAll(fails => {" +
+          body + "}) })()</script>");
+      runUntil([this] { return browser.model().webView->title() != "Page"; });
+      EXPECT_EQ(browser.model().webView->title(), "TypeError failed img fine fine");
+      browser.settle();
+      EXPECT_THAT(blocked(), UnorderedElementsAre("http://image.test/", "http://raw.test/fetch",
+                                                  "http://raw.test/xhr"));
+    }
+  }
+
+  test::RealBrowser browser;
+};
+
+TEST_F(ReportingTest, CountsWhatIsBlockedByItsTypeAndNothingElse) {
+  browser.sites.pages["http://inner.test/"] = {
+      .body = "<script src=//script.test/inner></script><iframe src=//inmost.test></iframe>"};
+  browser.sites.pages["http://inmost.test/"] = {.body = "<img src=//image.test/inmost>"};
+  show(R"(<img src=http://image.test/img><img src=http://image.test/img>
+    <img srcset='http://image.test/srcset 1x'><script src=http://script.test/script></script>
+    <link rel=stylesheet href=http://style.test/link><iframe src=http://frame.test/></iframe>
+    <iframe src=http://inner.test/></iframe><video id=media></video><script>done = Promise.all([
+      element('video', 'http://media.test/video'), element('audio', 'http://media.test/audio'),
+      element('source', 'http://media.test/source', media), got(fetch('http://raw.test/fetch')),
+      got(fetch(new Request('http://raw.test/request'))), got(fetch('adpath/fetch')),
+      got(fetch(new URL('http://raw.test/not-reported'))), request('http://raw.test/xhr'),
+      request('adpath/xhr'), request('http://raw.test/not-sent', 'http://raw.test/sent'),
+      // What is allowed, and fails for other reasons.
+      element('img', 'http://image.test/ok/'), element('img', 'http://other.test/missing'),
+      element('script', '/missing'), element('video', '/missing'),
+      got(fetch('http://other.test/refused')), request('http://other.test/refused'),
+    ])</script>)");
+  EXPECT_THAT(
+      blocked(),
+      UnorderedElementsAre(
+          "http://image.test/img", "http://image.test/srcset", "http://image.test/inmost",
+          "http://script.test/script", "http://script.test/inner", "http://style.test/link",
+          "http://media.test/video", "http://media.test/audio", "http://media.test/source",
+          "http://raw.test/fetch", "http://page.test/adpath/fetch", "http://raw.test/request",
+          "http://raw.test/xhr", "http://page.test/adpath/xhr", "http://raw.test/sent"));
+  EXPECT_THAT(browser.sites.requests,
+              testing::Each(testing::ContainsRegex("//(page|in.*|other).test/[a-z]*$|/ok/$")));
+  EXPECT_EQ(browser.sites.timesRequested("http://image.test/ok/"), 1);
+}
+
+TEST_F(ReportingTest, CountsOnPagesThatInterfere) {
+  expectAllBlockedAfter({
+      "const own = fetch; fetch = function () { return own.apply(this, arguments); }",
+      "const own = fetch; fetch = (...input) => own(new Request(...input))",
+      "const own = fetch; fetch = fails; return own",
+      "const prototype = XMLHttpRequest.prototype, { open } = prototype;"
+      "prototype.open = function (...input) { open.apply(this, input); }",
+      "webkit = null; delete window.webkit",
+      "const { tmBlocked } = webkit.messageHandlers;"
+      "tmBlocked.postMessage = tmBlocked.__proto__.postMessage = fails",
+      "Promise.prototype.then = EventTarget.prototype.addEventListener = fails",
+      "String = text => /^http/.test(text) ? 'other' : text;"
+      "URL = WeakMap = WeakMap.prototype.get = WeakMap.prototype.set = fails",
+      "Reflect.apply = Function.prototype.apply = Function.prototype.call = fails",
+      "Object.prototype.url = Object.prototype.type = 'x'",
+      "onerror = fails; addEventListener('error', e => {"
+      "  e.stopImmediatePropagation(e.target.onerror()); }, true)",
+      "[XMLHttpRequest.prototype, webkit, document].map(Object.freeze)",
+  });
+}
+
+TEST_F(ReportingTest, CountsOnPagesThatChangeWhatObjectsAre) {
+  expectAllBlockedAfter({
+      "[[String, 'toLowerCase'], [URL, 'href'], [Event, 'target'], [Element, 'tagName']].map("
+      "  ([type, key]) => Object.defineProperty(type.prototype, key, { get: fails }))",
+  });
+}
+
+TEST_F(ReportingTest, CountsWherePagesMayRunNoScript) {
+  for (const char* policy : {"script-src 'none'", "default-src 'self'"}) {
+    show("<img src=http://image.test/>", policy);
+    EXPECT_EQ(evaluate("typeof done"), "undefined") << policy;
+    EXPECT_THAT(blocked(), ElementsAre("http://image.test/")) << policy;
+  }
+}
+
+// Of a relative URL the base counts, of a fragment nothing.
+TEST_F(ReportingTest, CountsWhatIsOutOfTheOrdinary) {
+  for (const char* page : {"<img src=/end.gif#fragment>",
+                           "<base href=/adpath/><script>done = got(fetch('x'))</script>",
+                           "<base href=/adpath/><script>done = request('x')</script>",
+                           "<iframe srcdoc='<script>parent.done = "
+                           "fetch(`/adpath/`).catch(Object)</script>'></iframe>"}) {
+    show(page);
+    EXPECT_THAT(blocked(), SizeIs(1)) << page;
+  }
+}
+
+TEST_F(ReportingTest, LeavesPagesWhatTheySee) {
+  EXPECT_EQ(evaluate("unhandled(() => fetch('http://raw.test/'))"), "TypeError");
+  // What is handled raises nothing before.
+  EXPECT_EQ(evaluate("unhandled(() => fetch('//raw.test/').catch(() => x))"), "ReferenceError");
+  EXPECT_EQ(evaluate("Promise.all([fetch('/data'), fetch(new Request('/data')), fetch(),"
+                     "  fetch(new URL('/data', location)), fetch({ toString: () => '/data' }),"
+                     "  fetch('http://['), fetch.call({}, '/data'),"
+                     "  fetch('/data', { signal: AbortSignal.abort() })].map(got))"),
+            "fine,fine,TypeError,fine,fine,TypeError,TypeError,AbortError");
+  EXPECT_EQ(evaluate("[x => x.open(), x => x.open('GET'), x => x.open('GET', Symbol()),"
+                     "  x => x.open('GET', { toString() { throw new RangeError(); } }),"
+                     "  x => x.open.call({}, 'GET', '/'), x => x.open('GET', 'http://['),"
+                     "  x => x.open('B D', '/'), x => x.open('TRACE', '/'),"
+                     "  x => x.open('GET', 'http://raw.test/', false) || x.send()].map(thrown)"),
+            "TypeError,TypeError,TypeError,RangeError,TypeError,SyntaxError,SyntaxError,"
+            "SecurityError,NetworkError");
+  EXPECT_EQ(evaluate("[fetch.length, XMLHttpRequest.prototype.open.length]"), "1,2");
+  // Installed again, it changes nothing.
+  evaluate("own = [fetch, XMLHttpRequest.prototype.open]");
+  evaluate("(() => {" + std::string(Reporting::script) + "})()");
+  EXPECT_EQ(evaluate("own[0] === fetch && own[1] === XMLHttpRequest.prototype.open"), "true");
+}
+
+TEST_F(ReportingTest, LeavesNoTrace) {
+  EXPECT_EQ(evaluate("(i => thrown(x => x.open('GET', { toString: () => ++i })) || i)(0)"), "1");
+  EXPECT_EQ(evaluate("[fetch, XMLHttpRequest.prototype.open].some(f => f.prototype)"), "false");
+  EXPECT_EQ(evaluate("Object.keys(window).filter(name => /^__/.test(name)).length"), "0");
+  EXPECT_EQ(evaluate("new Promise(end => { onerror = () => end('noticed'); Object.defineProperty("
+                     "  Element.prototype, 'tagName', { get() { throw 0; } });"
+                     "  element('img', 'http://image.test/').then(end); })"),
+            "img");
+}
+
+TEST_F(ReportingTest, TakesMessagesOfOneShape) {
+  EXPECT_EQ(show(R"(<script>
+    const url = 'http://image.test/', type = 'img', cyclic = { type };
+    cyclic.url = cyclic;
+    done = [
+      7, url, null, undefined, Symbol(), Map, window, cyclic, [url, type], {}, { type }, { url },
+      Object.assign([], { url, type }), new Map([['url', url], ['type', type]]), { url, type: 7 },
+      { url: 7, type }, { url: [url], type }, { url: { url }, type }, { url: '\ud800', type: '' },
+      new Proxy({ url, type }, {}), { get url() { throw new Error('none'); }, type },
+      Object.fromEntries(Array.from({ length: 200000 }, (_, i) => ['key' + i, i])),
+      Array.from({ length: 100000 }).reduce(inner => ({ url: inner, type }), url),
+    ].map(post).length;
+  </script>)"),
+            "23");
+  EXPECT_THAT(blocked(), SizeIs(0));
+  evaluate("post({ get url() { return 'http://image.test/a'; }, type })");
+  EXPECT_THAT(blocked(), ElementsAre("http://image.test/a"));
+}
+
+TEST_F(ReportingTest, CountsEachURLOnce) {
+  evaluate("Promise.all([...Array(301)].map((_, i) => element('img', 'http://image.test/' + i)))");
+  EXPECT_EQ(*browser.model().blockedCount, 301);
+  EXPECT_THAT(*browser.model().blockedURLs, SizeIs(300));
+  show("");
+  evaluate("Array(1000).fill({ url: 'http://image.test/', type: 'img' }).forEach(post)");
+  EXPECT_THAT(blocked(), ElementsAre("http://image.test/"));
+  evaluate("post({ url: 'http://image.test/' + 'a'.repeat(5e6), type: 'img' })");
+  EXPECT_THAT(blocked(), ElementsAre(testing::_, SizeIs(BrowserModel::keptURLLength + 3)));
+}
+
+TEST_F(ReportingTest, CountsNothingOnPausedHosts) {
+  for (const bool isPaused : {true, false}) {
+    browser.app().setPaused("page.test", isPaused);
+    show("<img src=http://image.test/>");
+    EXPECT_THAT(blocked(), SizeIs(isPaused ? 0 : 1));
+    EXPECT_EQ(browser.sites.timesRequested("http://image.test/"), isPaused ? 1 : 0);
+  }
+}
+
+}  // namespace
+}  // namespace tamsel
