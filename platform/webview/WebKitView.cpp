@@ -350,8 +350,12 @@ void WebKitView::onPageRequest(WebKitURIRequest* request) {
 void WebKitView::onNavigationAction(WebKitNavigationAction* action) {
   const bool isMove =
       webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_BACK_FORWARD;
+  const std::string url =
+      text(webkit_uri_request_get_uri(webkit_navigation_action_get_request(action)));
   if (isMove) {
-    lastMove_ = text(webkit_uri_request_get_uri(webkit_navigation_action_get_request(action)));
+    lastMove_ = url;
+  } else if (lastMove_ == url) {
+    lastMove_.clear();
   }
 }
 
