@@ -4,6 +4,7 @@
 
 #include "platform/savepanel/SavePanel.h"
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 using GtkWindow = struct _GtkWindow;
 
 namespace tamsel {

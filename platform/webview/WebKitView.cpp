@@ -304,9 +304,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
 
 void WebKitView::onLoadFailed(const std::string& url, const GError& error) {
   const bool isCancelled =
-      g_error_matches(&error, WEBKIT_NETWORK_ERROR, WEBKIT_NETWORK_ERROR_CANCELLED) != FALSE ||
-      g_error_matches(&error, WEBKIT_POLICY_ERROR,
-                      WEBKIT_POLICY_ERROR_FRAME_LOAD_INTERRUPTED_BY_POLICY_CHANGE) != FALSE;
+      g_error_matches(&error, WEBKIT_NETWORK_ERROR, WEBKIT_NETWORK_ERROR_CANCELLED) != FALSE;
   constexpr int blockedByContentBlocker = 104;
   const bool isBlocked =
       error.domain == WEBKIT_POLICY_ERROR && error.code == blockedByContentBlocker;
@@ -321,7 +319,7 @@ void WebKitView::onLoadFailed(const std::string& url, const GError& error) {
   fail({.message = error.message, .url = url, .isCancelled = isCancelled});
 }
 
-void WebKitView::fail(Failure failure) {
+void WebKitView::fail(const Failure& failure) {
   if (failure.isCancelled && repetition_ != nullptr) return;
   // What is cancelled mostly makes way for what is pending now.
   if (!failure.isCancelled) {
@@ -441,7 +439,7 @@ void WebKitView::stopAwaitingAnswer() {
 void WebKitView::onTimeout() {
   timer_ = 0;
   const std::string url = pending_ ? pending_->url : this->url();
-  webkit_web_view_stop_loading(view_.get());
+  stopLoading();
   fail({.message = "The site does not answer.", .url = url});
 }
 

@@ -67,7 +67,7 @@ class WebKitView : public WebView {
   void willNavigate(const std::string& url);
   void onLoadChanged(WebKitLoadEvent event);
   void onLoadFailed(const std::string& url, const GError& error);
-  void fail(Failure failure);
+  void fail(const Failure& failure);
   void onPageRequest(WebKitURIRequest* request);
   void onPageResponse(WebKitResponsePolicyDecision* decision);
   void openInThisView(WebKitURIRequest* request);

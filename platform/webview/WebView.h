@@ -7,6 +7,7 @@
 #include "platform/rulestore/RuleListStore.h"
 
 // GTK's, so that this needs no GTK.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 using GtkWidget = struct _GtkWidget;
 
 namespace tamsel {

@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -71,7 +71,7 @@ class NavigationTest : public testing::Test {
   Step running(const std::string& script) {
     return [=, this] { browser.evaluate("(setTimeout(() => {" + script + "}, 0), 0)"); };
   }
-  void awaitAddress(const std::string& url) {
+  void awaitAddress(const std::string& url) const {
     runUntil([&] { return *model.addressText == url; });
   }
 

@@ -132,12 +132,12 @@ TEST_F(ReportingTest, CountsWhatIsBlockedByItsTypeAndNothingElse) {
 }
 
 TEST_F(ReportingTest, CountsOnPagesThatInterfere) {
+  // NOLINTBEGIN(bugprone-suspicious-missing-comma)
   expectAllBlockedAfter({
       "const own = fetch; fetch = function () { return own.apply(this, arguments); }",
       "const own = fetch; fetch = (...input) => own(new Request(...input))",
       "const own = fetch; fetch = fails; return own",
-      "const prototype = XMLHttpRequest.prototype, { open } = prototype;"
-      "prototype.open = function (...input) { open.apply(this, input); }",
+      "x = XMLHttpRequest.prototype; o = x.open; x.open = function (...i) { o.apply(this, i) }",
       "webkit = null; delete window.webkit",
       "const { tmBlocked } = webkit.messageHandlers;"
       "tmBlocked.postMessage = tmBlocked.__proto__.postMessage = fails",
@@ -150,6 +150,7 @@ TEST_F(ReportingTest, CountsOnPagesThatInterfere) {
       "  e.stopImmediatePropagation(e.target.onerror()); }, true)",
       "[XMLHttpRequest.prototype, webkit, document].map(Object.freeze)",
   });
+  // NOLINTEND(bugprone-suspicious-missing-comma)
 }
 
 TEST_F(ReportingTest, CountsOnPagesThatChangeWhatObjectsAre) {

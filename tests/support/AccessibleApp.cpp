@@ -4,6 +4,7 @@
 #include <X11/extensions/XTest.h>
 #include <gtk/gtk.h>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -49,8 +50,9 @@ class Keyboard {
     if ((modifiers & GDK_ALT_MASK) != 0) codes.push_back(codeOf(GDK_KEY_Alt_L));
     if (isShifted) codes.push_back(codeOf(GDK_KEY_Shift_L));
     codes.push_back(code);
-    for (auto i = codes.begin(); i != codes.end(); ++i) send(*i, True);
-    for (auto i = codes.rbegin(); i != codes.rend(); ++i) send(*i, False);
+    for (const KeyCode pressed : codes) send(pressed, True);
+    std::reverse(codes.begin(), codes.end());
+    for (const KeyCode released : codes) send(released, False);
     XSync(display_, False);
   }
 

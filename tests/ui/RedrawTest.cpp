@@ -20,10 +20,14 @@ namespace {
 using test::runUntil;
 using testing::EndsWith;
 
-class RedrawTest : public testing::Test {
+// Before the first widget.
+class WidgetTest : public testing::Test {
  protected:
   static void SetUpTestSuite() { Gtk::init_gtkmm_internals(); }
+};
 
+class RedrawTest : public WidgetTest {
+ protected:
   RedrawTest() {
     window.set_child(label);
     redraw.follow(changes);
@@ -88,7 +92,7 @@ TEST_F(RedrawTest, MayGoBeforeItsSignalWithOneDue) {
   EXPECT_EQ(other, 0);
 }
 
-TEST(Symbols, AreInTheThemeOrTheProgram) {
+TEST_F(WidgetTest, SymbolsAreInTheThemeOrTheProgram) {
   const auto theme = Gtk::IconTheme::get_for_display(Gdk::Display::get_default());
   theme->add_resource_path("/org/tamsel/Tamsel/icons");
   for (const char* symbol : {"safari", "list.bullet", "shield.lefthalf.filled", "magnifyingglass",
@@ -99,7 +103,7 @@ TEST(Symbols, AreInTheThemeOrTheProgram) {
   EXPECT_THROW((void)Symbols::icon("none"), std::out_of_range);
 }
 
-TEST(Widgets, ShowHostileTextAsText) {
+TEST_F(WidgetTest, HostileTextIsText) {
   using namespace std::string_literals;
   EXPECT_EQ(displayable("a\xFF"s + "b\0c"s).raw(), "a\uFFFDb\uFFFDc");
   // A character of two bytes at the place of the cut.
