@@ -168,6 +168,8 @@ void WebKitView::begin(Pending pending) {
   const Pending now = *pending_;
   willNavigate(now.url);
   if (now.text) {
+    text_ = now.text;
+    isAnswered_ = false;
     webkit_web_view_load_html(view_.get(), now.text->html.c_str(), now.text->baseURL.c_str());
   } else {
     webkit_web_view_load_uri(view_.get(), now.url.c_str());
@@ -184,8 +186,8 @@ void WebKitView::reload() {
     begin(Pending(*pending_));
   } else if (isProvisional_) {
     // A page on its way, by a link or a script, needs no second request.
-  } else if (shownText_) {
-    loadHtml(shownText_->html, shownText_->baseURL);
+  } else if (isTextShown_) {
+    loadHtml(text_->html, text_->baseURL);
   } else {
     willNavigate(url());
     webkit_web_view_reload(view_.get());
@@ -208,7 +210,7 @@ void WebKitView::stayOnPage() {
 }
 
 WebKitBackForwardListItem* WebKitView::behindTextPage() const {
-  if (!shownText_) return nullptr;
+  if (!isTextShown_) return nullptr;
   return webkit_back_forward_list_get_current_item(
       webkit_web_view_get_back_forward_list(view_.get()));
 }
@@ -273,6 +275,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
   switch (event) {
     case WEBKIT_LOAD_STARTED:
       isProvisional_ = true;
+      isAnswered_ = false;
       if (delegate_ != nullptr) delegate_->didStart();
       if (std::exchange(stopsAtStart_, false)) stopLoading();
       break;
@@ -287,10 +290,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
       if (pending_ && url() == emptyPage && pending_->url != emptyPage) {
         fail({.message = "This address cannot be opened.", .url = pending_->url});
       }
-      shownText_.reset();
-      if (pending_ && pending_->text && pending_->url == url()) {
-        shownText_ = std::move(pending_->text);
-      }
+      isTextShown_ = text_ && !isAnswered_ && text_->baseURL == url();
       pending_.reset();
       changed();
       break;
@@ -395,6 +395,7 @@ void WebKitView::moveTo(WebKitBackForwardListItem* item) {
 }
 
 void WebKitView::onPageResponse(WebKitResponsePolicyDecision* decision) {
+  isAnswered_ = true;
   willNavigate(
       text(webkit_uri_response_get_uri(webkit_response_policy_decision_get_response(decision))));
 }

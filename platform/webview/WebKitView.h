@@ -91,7 +91,11 @@ class WebKitView : public WebView {
   Delegate* delegate_ = nullptr;
   std::shared_ptr<const RuleList> ruleList_;
   std::optional<Pending> pending_;
-  std::optional<TextPage> shownText_;
+  // The last page of text that there was, and whether it is shown.
+  std::optional<TextPage> text_;
+  bool isTextShown_ = false;
+  // A server answered for the page that is to come, so it is not one of text.
+  bool isAnswered_ = false;
   // A page has begun to load and none of it is there.
   bool isProvisional_ = false;
   // It is not wanted any more.

@@ -52,7 +52,7 @@ class RealBrowser {
 
   /// Until the page is complete, and all that it reported is evaluated.
   void awaitPage() {
-    runUntil([this] { return !*model_->isLoading; });
+    runUntil([this] { return !*model_->isLoading && !model_->webView->isLoading(); });
     settle();
   }
 

@@ -42,7 +42,8 @@ class WindowTest : public testing::Test {
     process_ = g_subprocess_launcher_spawn(launcher, nullptr, TAMSEL_PATH, nullptr);
     g_object_unref(launcher);
     window_ = std::make_unique<AccessibleApp>(process_);
-    awaitLabel(" rules active", [](const std::string& text) { return text != "0 rules active"; });
+    awaitLabel(" rules active",
+               [](const std::string& text) { return !text.empty() && text != "0 rules active"; });
   }
 
   // Closes the window; the exit code of the program.
@@ -57,10 +58,15 @@ class WindowTest : public testing::Test {
   }
 
   void awaitLabel(const std::string& suffix, const std::function<bool(const std::string&)>& isIt) {
-    waitUntil("a label …" + suffix, [&] {
-      const auto text = window_->labelWithSuffix(suffix);
-      return text && isIt(*text);
-    });
+    std::string last;
+    try {
+      waitUntil("a label …" + suffix, [&] {
+        last = window_->labelWithSuffix(suffix).value_or("");
+        return isIt(last);
+      });
+    } catch (const std::runtime_error& failure) {
+      throw std::runtime_error(failure.what() + std::string(" There is “") + last + "”.");
+    }
   }
   void awaitCount(const std::string& count) {
     awaitLabel(blocked, [&count](const std::string& text) { return text == count + blocked; });
