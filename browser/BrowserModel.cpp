@@ -100,6 +100,8 @@ void BrowserModel::didStart() {
   blockedCount = 0;
   blockedURLs = {};
   seen_.clear();
+  reports_.clear();
+  ++page_;
   status = "";
   syncState();
 }
@@ -159,8 +161,9 @@ Task<void> BrowserModel::evaluateReports() {
       }
       return blocked;
     });
+    const std::size_t page = page_;
     std::vector<std::string> blocked = co_await evaluating;
-    if (blocked.empty()) continue;
+    if (blocked.empty() || page != page_) continue;
     blockedCount = *blockedCount + blocked.size();
     if (blockedURLs->size() == keptURLs) continue;
     blockedURLs.modify([&blocked](std::vector<std::string>& urls) {

@@ -91,6 +91,8 @@ class BrowserModel : public Browser, private WebView::Delegate {
   // Of the URLs that were reported on this page, the hashes: they may be long, and many.
   std::set<std::size_t> seen_;
   std::deque<Report> reports_;
+  // How many pages have begun; a verdict on an earlier one is of no interest any more.
+  std::size_t page_ = 0;
   bool isEvaluating_ = false;
   TaskScope tasks_;
 };

@@ -145,7 +145,9 @@ void WebKitView::addScript(const std::string& source) {
 
 void WebKitView::addMessageHandler(const std::string& name) {
   const auto receive = [](WebKitUserContentManager*, JSCValue* value, WebKitView* self) {
-    if (self->delegate_ != nullptr) self->delegate_->didReceive(ScriptMessage(value));
+    // Until the next page has taken its place, what comes is of the one before.
+    if (self->delegate_ == nullptr || self->isProvisional_) return;
+    self->delegate_->didReceive(ScriptMessage(value));
   };
   // Before it is registered, so that no message is missed.
   g_signal_connect(content_.get(), (messageSignal + name).c_str(), G_CALLBACK(+receive), this);

@@ -180,6 +180,16 @@ TEST(BrowserModel, CountsEachBlockedURLOnceAndKeepsTheFirst) {
   EXPECT_THAT(*setting.model.blockedURLs, ElementsAre(kept + "…"));
 }
 
+// What was asked about one page is no request of the next.
+TEST(BrowserModel, DropsVerdictsOnThePageBefore) {
+  AppSetting setting("||ads.test^");
+  setting.settle();
+  setting.report("http://ads.test/");
+  setting.view.delegate->didStart();
+  setting.settle();
+  EXPECT_EQ(*setting.model.blockedCount, 0);
+}
+
 // With the starter list four of the page's five requests are blocked and three boxes are hidden.
 TEST(DemoPage, RequestsWhatTheStarterListBlocks) {
   const std::string page = DemoPage::html();

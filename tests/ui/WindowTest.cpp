@@ -212,8 +212,17 @@ TEST_F(WindowTest, SaysWhatWentWrongAndGoesOn) {
   const pid_t program = std::stoi(g_subprocess_get_identifier(process()));
   const std::vector<pid_t> pages = descendants(program, "WebKitWebProcess");
   ASSERT_FALSE(pages.empty());
-  // The first one started has the page; the others wait to be used, and WebKit needs them.
-  ::kill(*std::min_element(pages.begin(), pages.end()), SIGKILL);
+  // The largest has the page; another may wait to be used, and WebKit needs it.
+  const auto resident = [](pid_t process) {
+    std::size_t all = 0;
+    std::size_t inMemory = 0;
+    std::ifstream("/proc/" + std::to_string(process) + "/statm") >> all >> inMemory;
+    return inMemory;
+  };
+  ::kill(*std::max_element(
+             pages.begin(), pages.end(),
+             [&resident](pid_t one, pid_t other) { return resident(one) < resident(other); }),
+         SIGKILL);
   awaitText("The page crashed. Reload to try again.");
   window().act(ATSPI_ROLE_PUSH_BUTTON, "Reload");
   awaitCount("4");
