@@ -77,8 +77,11 @@ class WindowTest : public testing::Test {
   }
 
   void browse(const std::string& url) {
-    AccessibleApp::press("<Control>l");
-    waitUntil("the address to be selected", [this] { return window_->isFocused("Address"); });
+    // A key that comes before the window has the focus is lost.
+    waitUntil("the address to be selected", [this] {
+      AccessibleApp::press("<Control>l");
+      return window_->isFocused("Address");
+    });
     AccessibleApp::type(url + "\n");
   }
 
