@@ -1,7 +1,6 @@
 #include "ui/AddListSheet.h"
 
 #include <glibmm/main.h>
-#include <gtkmm/scrolledwindow.h>
 #include <gtkmm/shortcutcontroller.h>
 
 #include <utility>
@@ -16,11 +15,6 @@ constexpr int width = 520;
 constexpr int padding = 16;
 constexpr int textHeight = 200;
 constexpr const char* easyList = "https://easylist.to/easylist/easylist.txt";
-
-void setAccessibleName(Gtk::Widget& widget, const char* name) {
-  gtk_accessible_update_property(GTK_ACCESSIBLE(widget.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL, name,
-                                 -1);
-}
 
 }  // namespace
 
@@ -98,10 +92,9 @@ Gtk::Widget& AddListSheet::makeContent() {
   text_.set_accepts_tab(false);
   setAccessibleName(text_, "Text of the list");
   text_.get_buffer()->signal_changed().connect([this] { drawAdd(); });
-  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
-  scrolled->set_child(text_);
+  Gtk::ScrolledWindow* scrolled = makeScrolled(text_);
+  scrolled->set_policy(Gtk::PolicyType::AUTOMATIC, Gtk::PolicyType::AUTOMATIC);
   scrolled->set_min_content_height(textHeight);
-  scrolled->add_css_class("editor-frame");
   content_.add(*scrolled, "text");
   content_.set_vhomogeneous(false);
   return content_;

@@ -42,8 +42,7 @@ BlockedPopover::BlockedPopover(BrowserModel& browser) : browser_(browser) {
   auto* list =
       Gtk::make_managed<Gtk::ListView>(Gtk::NoSelection::create(lines_), makeLineFactory(lines_));
   list->add_css_class("plain-lines");
-  setName(*list, "Blocked requests");
-  list->set_has_tooltip(false);
+  setAccessibleName(*list, "Blocked requests");
   auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
   scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
   scrolled->set_child(*list);

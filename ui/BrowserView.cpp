@@ -15,14 +15,6 @@ namespace {
 constexpr int padding = 8;
 constexpr int longestSite = 40;  // characters
 
-void setSymbol(Gtk::Button& button, std::string_view symbol, const std::string& name) {
-  const std::string icon = Symbols::icon(symbol);
-  // A tooltip is a question to the display server, so it is not set again without need.
-  if (button.get_icon_name().raw() == icon) return;
-  button.set_icon_name(icon);
-  setName(button, name);
-}
-
 }  // namespace
 
 BrowserView::BrowserView(AppState& app, BrowserModel& browser)
@@ -66,8 +58,7 @@ Gtk::Widget& BrowserView::makeToolbar() {
   row->append(reload_);
 
   address_.set_placeholder_text("Enter a URL or search");
-  gtk_accessible_update_property(GTK_ACCESSIBLE(address_.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                 "Address", -1);
+  setAccessibleName(address_, "Address");
   address_.set_input_purpose(Gtk::InputPurpose::URL);
   address_.set_hexpand();
   address_.signal_activate().connect([this] { go(); });

@@ -1,7 +1,6 @@
 #include "ui/CustomRulesView.h"
 
 #include <gtkmm/button.h>
-#include <gtkmm/scrolledwindow.h>
 #include <gtkmm/shortcutcontroller.h>
 
 #include <string>
@@ -82,18 +81,16 @@ Gtk::Widget& CustomRulesView::makeEditor() {
                          &Gtk::TextView::set_top_margin, &Gtk::TextView::set_bottom_margin}) {
     (editor_.*set)(6);
   }
-  gtk_accessible_update_property(GTK_ACCESSIBLE(editor_.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                 "Custom rules", -1);
+  setAccessibleName(editor_, "Custom rules");
   onEdit_ = editor_.get_buffer()->signal_changed().connect([this] {
     isEditing_ = true;
     app_.customRules = editor_.get_buffer()->get_text().raw();
     isEditing_ = false;
   });
 
-  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
-  scrolled->set_child(editor_);
+  Gtk::ScrolledWindow* scrolled = makeScrolled(editor_);
+  scrolled->set_policy(Gtk::PolicyType::AUTOMATIC, Gtk::PolicyType::AUTOMATIC);
   scrolled->set_vexpand();
-  scrolled->add_css_class("editor-frame");
   return *scrolled;
 }
 

@@ -3,7 +3,6 @@
 #include <glib.h>
 #include <gtkmm/listview.h>
 #include <gtkmm/noselection.h>
-#include <gtkmm/scrolledwindow.h>
 #include <gtkmm/window.h>
 
 #include <utility>
@@ -25,11 +24,9 @@ std::string subtitle(const FilterList& list) {
   return text;
 }
 
-void makeSymbolButton(Gtk::Button& button, std::string_view symbol, const std::string& name) {
-  button.set_icon_name(Symbols::icon(symbol));
+void makeFlat(Gtk::Button& button) {
   button.set_has_frame(false);
   button.set_valign(Gtk::Align::CENTER);
-  setName(button, name);
 }
 
 }  // namespace
@@ -61,10 +58,12 @@ ListRow::ListRow(AppState& app)
   append(*texts);
 
   append(*count_);
-  makeSymbolButton(refresh_, "arrow.clockwise", "Refresh this list");
+  makeFlat(refresh_);
+  setSymbol(refresh_, "arrow.clockwise", "Refresh this list");
   refresh_.signal_clicked().connect([this] { app_.refresh(Uuid(id_)); });
   append(refresh_);
-  makeSymbolButton(remove_, "trash", "Remove list");
+  makeFlat(remove_);
+  setSymbol(remove_, "trash", "Remove list");
   remove_.add_css_class("error");
   remove_.signal_clicked().connect([this] { app_.remove(Uuid(id_)); });
   append(remove_);
@@ -128,13 +127,9 @@ Gtk::Widget& ListsView::makeList() {
   auto* list = Gtk::make_managed<Gtk::ListView>(Gtk::NoSelection::create(model_), rows_.factory());
   list->add_css_class("rich-list");
   list->set_show_separators();
-  gtk_accessible_update_property(GTK_ACCESSIBLE(list->gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                 "Filter lists", -1);
-  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
-  scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
-  scrolled->set_child(*list);
+  setAccessibleName(*list, "Filter lists");
+  Gtk::ScrolledWindow* scrolled = makeScrolled(*list);
   scrolled->set_vexpand();
-  scrolled->add_css_class("editor-frame");
   return *scrolled;
 }
 

@@ -3,7 +3,6 @@
 #include <gtkmm/frame.h>
 #include <gtkmm/listview.h>
 #include <gtkmm/noselection.h>
-#include <gtkmm/scrolledwindow.h>
 
 #include <algorithm>
 
@@ -104,10 +103,10 @@ void RulesView::addColumn(Gtk::ColumnView& table, const char* title,
         return cell;
       },
       [this, text](Gtk::Label& cell, guint position) {
-        const std::vector<Source> all = sources();
-        if (position >= all.size()) return;
-        setText(cell, displayable(text(all[position])));
-        setClass(cell, secondary, !all[position].isEnabled);
+        if (position >= sourceCount()) return;
+        const Source of = source(position);
+        setText(cell, displayable(text(of)));
+        setClass(cell, secondary, !of.isEnabled);
       });
   const auto column = Gtk::ColumnViewColumn::create(title, rows->factory());
   column->set_expand(isFirst);
@@ -121,22 +120,19 @@ Gtk::Widget& RulesView::makeCounts() {
   auto* table = Gtk::make_managed<Gtk::ColumnView>(Gtk::NoSelection::create(counts_));
   table->add_css_class("data-table");
   const auto number = [this](std::size_t (*of)(const ListStats&)) {
-    return [this, of](const Source& source) { return std::to_string(of(statsOf(source))); };
+    return [this, of](const Source& list) { return std::to_string(of(statsOf(list))); };
   };
   addColumn(*table, "List",
-            [](const Source& source) { return source.name + (source.isEnabled ? "" : " (off)"); });
+            [](const Source& of) { return of.name + (of.isEnabled ? "" : " (off)"); });
   addColumn(*table, "Block", number([](const ListStats& stats) { return stats.block; }));
   addColumn(*table, "Exceptions", number([](const ListStats& stats) { return stats.exception; }));
   addColumn(*table, "Hide", number([](const ListStats& stats) { return stats.cosmetic; }));
   addColumn(*table, "Total", number(total));
   addColumn(*table, "Skipped", number([](const ListStats& stats) { return stats.skipped; }));
 
-  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
-  scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
+  Gtk::ScrolledWindow* scrolled = makeScrolled(*table);
   scrolled->set_propagate_natural_height();
   scrolled->set_max_content_height(countsHeight);
-  scrolled->set_child(*table);
-  scrolled->add_css_class("editor-frame");
   group->append(*scrolled);
   return *group;
 }
@@ -163,8 +159,7 @@ Gtk::Widget& RulesView::makeSkippedHeader() {
 
   search_.set_placeholder_text("Filter");
   search_.set_size_request(searchWidth, -1);
-  gtk_accessible_update_property(GTK_ACCESSIBLE(search_.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                 "Filter", -1);
+  setAccessibleName(search_, "Filter");
   search_.signal_changed().connect([this] { drawSkipped(); });
   row->append(search_);
   return *row;
@@ -175,26 +170,24 @@ Gtk::Widget& RulesView::makeSkipped() {
       Gtk::make_managed<Gtk::ListView>(Gtk::NoSelection::create(skipped_), skippedRows_.factory());
   list->add_css_class("skipped");
   list->set_show_separators();
-  gtk_accessible_update_property(GTK_ACCESSIBLE(list->gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                 "Skipped lines", -1);
-  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
-  scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
-  scrolled->set_child(*list);
+  setAccessibleName(*list, "Skipped lines");
+  Gtk::ScrolledWindow* scrolled = makeScrolled(*list);
   scrolled->set_vexpand();
-  scrolled->add_css_class("editor-frame");
   return *scrolled;
 }
 
-std::vector<RulesView::Source> RulesView::sources() const {
-  std::vector<Source> all;
-  all.reserve(app_.lists->size() + 1);
-  for (const FilterList& list : *app_.lists) all.push_back({list.id, list.name, list.enabled});
-  all.push_back({Starter::customID, "Custom rules", true});
-  return all;
+std::size_t RulesView::sourceCount() const {
+  return app_.lists->size() + 1;
 }
 
-ListStats RulesView::statsOf(const Source& source) const {
-  const auto found = app_.stats->find(source.id);
+RulesView::Source RulesView::source(std::size_t index) const {
+  if (index >= app_.lists->size()) return {Starter::customID, "Custom rules", true};
+  const FilterList& list = app_.lists.get()[index];
+  return {list.id, list.name, list.enabled};
+}
+
+ListStats RulesView::statsOf(const Source& list) const {
+  const auto found = app_.stats->find(list.id);
   return found == app_.stats->end() ? ListStats() : found->second;
 }
 
@@ -206,7 +199,7 @@ void RulesView::draw() {
   setText(*compileError_, "WebKit compile error: " + displayable(app_.compileError->value_or("")));
   truncated_->set_visible(*app_.truncated);
 
-  counts_->setSize(static_cast<guint>(app_.lists->size() + 1));
+  counts_->setSize(static_cast<guint>(sourceCount()));
   for (const auto& column : columns_) column->draw();
   drawPicker();
   drawSkipped();
@@ -215,9 +208,10 @@ void RulesView::draw() {
 void RulesView::drawPicker() {
   std::vector<Glib::ustring> names{"All lists"};
   std::vector<Uuid> ids;
-  for (const Source& source : sources()) {
-    names.push_back(displayable(source.name));
-    ids.push_back(source.id);
+  for (std::size_t i = 0; i < sourceCount(); ++i) {
+    const Source of = source(i);
+    names.push_back(displayable(of.name));
+    ids.push_back(of.id);
   }
   bool isSame = choices_->get_n_items() == names.size() && ids == choiceIds_;
   for (guint i = 0; isSame && i < names.size(); ++i) isSame = choices_->get_string(i) == names[i];

@@ -53,8 +53,10 @@ class RulesView : public Gtk::Box {
   void draw();
   void drawPicker();
   void drawSkipped();
-  std::vector<Source> sources() const;
-  ListStats statsOf(const Source& source) const;
+  // Of the lists and, after them, the custom rules.
+  std::size_t sourceCount() const;
+  Source source(std::size_t index) const;
+  ListStats statsOf(const Source& list) const;
 
   AppState& app_;
   Gtk::Label* total_ = nullptr;

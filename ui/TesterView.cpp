@@ -80,8 +80,7 @@ Gtk::Widget& TesterView::makeForm() {
     entry.set_text(text);
     entry.set_hexpand();
     entry.set_input_purpose(Gtk::InputPurpose::URL);
-    gtk_accessible_update_property(GTK_ACCESSIBLE(entry.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                   name, -1);
+    setAccessibleName(entry, name);
     entry.signal_activate().connect([this] { start(); });
   };
   prepare(url_, "Request URL", "Request URL",

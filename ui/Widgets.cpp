@@ -43,10 +43,18 @@ void setStyle(Gtk::Widget& widget, TextStyle style) {
   }
 }
 
-void setName(Gtk::Widget& widget, const std::string& name) {
-  widget.set_tooltip_text(name);
+void setAccessibleName(Gtk::Widget& widget, const std::string& name) {
   gtk_accessible_update_property(GTK_ACCESSIBLE(widget.gobj()), GTK_ACCESSIBLE_PROPERTY_LABEL,
                                  name.c_str(), -1);
+}
+
+void setSymbol(Gtk::Button& button, std::string_view symbol, const std::string& name) {
+  const std::string icon = Symbols::icon(symbol);
+  // A tooltip is a question to the display server, so it is not set again without need.
+  if (button.get_icon_name().raw() == icon) return;
+  button.set_icon_name(icon);
+  button.set_tooltip_text(name);
+  setAccessibleName(button, name);
 }
 
 void setSymbolAndText(Gtk::Button& button, std::string_view symbol, const Glib::ustring& text) {
@@ -63,6 +71,14 @@ void setSymbolAndText(Gtk::Button& button, std::string_view symbol, const Glib::
 void setLabel(Gtk::Widget& widget, Gtk::Widget& label) {
   gtk_accessible_update_relation(GTK_ACCESSIBLE(widget.gobj()), GTK_ACCESSIBLE_RELATION_LABELLED_BY,
                                  GTK_ACCESSIBLE(label.gobj()), nullptr, -1);
+}
+
+Gtk::ScrolledWindow* makeScrolled(Gtk::Widget& content) {
+  auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
+  scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
+  scrolled->set_child(content);
+  scrolled->add_css_class("framed");
+  return scrolled;
 }
 
 void setClass(Gtk::Widget& widget, const char* name, bool isOn) {

@@ -2,6 +2,7 @@
 
 #include <gtkmm/button.h>
 #include <gtkmm/label.h>
+#include <gtkmm/scrolledwindow.h>
 #include <gtkmm/widget.h>
 
 #include <string>
@@ -20,14 +21,20 @@ void setStyle(Gtk::Widget& widget, TextStyle style);
 /// The style class for what is less important than the rest.
 inline constexpr const char* secondary = "dim-label";
 
-/// What a widget without text is called by those who cannot see it, and by its tooltip.
-void setName(Gtk::Widget& widget, const std::string& name);
+/// What a widget without text is called by those who cannot see it.
+void setAccessibleName(Gtk::Widget& widget, const std::string& name);
+
+/// Puts a symbol on a button, which its tooltip explains.
+void setSymbol(Gtk::Button& button, std::string_view symbol, const std::string& name);
 
 /// Puts a symbol and its text on a button.
 void setSymbolAndText(Gtk::Button& button, std::string_view symbol, const Glib::ustring& text);
 
 /// Says that the label names the widget.
 void setLabel(Gtk::Widget& widget, Gtk::Widget& label);
+
+/// The widget, which is taller than there is room, in a frame.
+Gtk::ScrolledWindow* makeScrolled(Gtk::Widget& content);
 
 /// Adds or removes a style class.
 void setClass(Gtk::Widget& widget, const char* name, bool isOn);

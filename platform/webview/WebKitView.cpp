@@ -97,14 +97,8 @@ WebKitView::WebKitView(const Options& options)
      [](WebKitWebView* webView, WebKitWebResource* resource, WebKitURIRequest* request,
         WebKitView* self) {
        if (resource != webkit_web_view_get_main_resource(webView)) return;
+       self->followPage(resource);
        self->onPageRequest(request);
-       const auto onSent = [](WebKitWebResource* sent, WebKitURIRequest* next,
-                              WebKitURIResponse* redirection, WebKitView* self_) {
-         const bool isPage = sent == webkit_web_view_get_main_resource(self_->view_.get());
-         if (isPage && redirection != nullptr) self_->onPageRequest(next);
-       };
-       // It goes with the next page's, which is not after this.
-       g_signal_connect(resource, "sent-request", G_CALLBACK(+onSent), self);
      });
   on(view, "create",
      [](WebKitWebView*, WebKitNavigationAction* action, WebKitView* self) -> GtkWidget* {
@@ -129,10 +123,22 @@ WebKitView::WebKitView(const Options& options)
 
 WebKitView::~WebKitView() {
   stopAwaitingAnswer();
+  followPage(nullptr);
   for (gpointer object : {gpointer(view_.get()), gpointer(content_.get()),
                           gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
     g_signal_handlers_disconnect_by_data(object, this);
   }
+}
+
+void WebKitView::followPage(WebKitWebResource* page) {
+  if (page_ != nullptr) g_signal_handlers_disconnect_by_data(page_.get(), this);
+  page_.reset(page == nullptr ? nullptr : WEBKIT_WEB_RESOURCE(g_object_ref(page)));
+  if (page_ == nullptr) return;
+  const auto onSent = [](WebKitWebResource*, WebKitURIRequest* request,
+                         WebKitURIResponse* redirection, WebKitView* self) {
+    if (redirection != nullptr) self->onPageRequest(request);
+  };
+  g_signal_connect(page, "sent-request", G_CALLBACK(+onSent), this);
 }
 
 void WebKitView::addScript(const std::string& source) {

@@ -68,6 +68,7 @@ class WebKitView : public WebView {
   void onLoadChanged(WebKitLoadEvent event);
   void onLoadFailed(const std::string& url, const GError& error);
   void fail(const Failure& failure);
+  void followPage(WebKitWebResource* page);
   void onPageRequest(WebKitURIRequest* request);
   void onPageResponse(WebKitResponsePolicyDecision* decision);
   void openInThisView(WebKitURIRequest* request);
@@ -88,6 +89,8 @@ class WebKitView : public WebView {
 
   std::unique_ptr<WebKitUserContentManager, Unref> content_;
   std::unique_ptr<WebKitWebView, Unref> view_;
+  // The page that was requested last; tells of redirections.
+  std::unique_ptr<WebKitWebResource, Unref> page_;
   Delegate* delegate_ = nullptr;
   std::shared_ptr<const RuleList> ruleList_;
   std::optional<Pending> pending_;
