@@ -38,6 +38,9 @@ packages_for() {
       ;;
     bench) echo libbenchmark-dev ;;
     fuzz) echo clang llvm ;;
+    packaging) echo debhelper dpkg-dev desktop-file-utils appstream ;;
+    # A Debian system of its own.
+    root) echo debootstrap ;;
     checks) echo clang-format clang-tidy shellcheck ;;
     *) fail "no such set of packages: $1" ;;
   esac
