@@ -138,6 +138,7 @@ const std::string badDomain = "skip: Unsupported domain ";
 const std::string both = " [ALL] + [document] third-party";
 
 TEST(FilterCompiler, ClassifiesLines) {
+  const std::string open(10000, '('), close(10000, ')');
   expectLines({
       // No filters.
       {"none", {"", "   ", "! a ##.b", "!\u0301 a", "[Header 2.0]", "[a]##.b"}},
@@ -190,6 +191,11 @@ TEST(FilterCompiler, ClassifiesLines) {
       {broad, {"\xE2\x80", "\xC0\xA0", "\xF4\x90\x80\x80", "\xF0\x9F\x98"}},
       {"block " + std::string(1 << 20, 'a') + both, {std::string(1 << 20, 'a')}},
       {"block ad" + both, {"ad$" + std::string(1 << 20, ',')}},
+      {"block " + open + "a" + close + both, {"/" + open + "a" + close + "/"}},
+      {"block " + open + both, {"/" + open + "/"}},
+      {"cosmetic .* {" + open + "}", {"##" + open}},
+      {"block ||" + std::string(1 << 20, 'a') + "^" + both,
+       {"||" + std::string(1 << 20, 'a') + "^"}},
   });
   for (const char* token : {":has-text(", ":xpath(", ":matches-css", ":upward(", ":remove(",
                             ":style(", ":-abp-", ":contains(", ":min-text-length(", ":watch-attr(",

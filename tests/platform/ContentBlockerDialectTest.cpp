@@ -5,18 +5,14 @@
 
 #include "platform/dialect/ContentBlockerDialect.h"
 #include "tests/support/ExactCopy.h"
+#include "tests/support/WebKitRules.h"
 
 namespace tamsel {
 namespace {
 
 using namespace std::string_literals;
 using test::ExactCopy;
-
-std::string repeated(std::size_t count, const std::string& text) {
-  std::string result;
-  for (std::size_t i = 0; i < count; ++i) result += text;
-  return result;
-}
+using test::repeated;
 
 std::string refusal(const std::string& expression) {
   return std::string(

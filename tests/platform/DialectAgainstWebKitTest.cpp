@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
 #include <span>
@@ -15,6 +16,7 @@
 #include "platform/rulestore/CompilerProcess.h"
 #include "tests/support/ExactCopy.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/WebKitRules.h"
 
 // Random texts, the same in every run, that the dialect and the real WebKit both have to judge.
 namespace tamsel {
@@ -40,31 +42,14 @@ std::vector<std::string> randomTexts(const Pieces& pieces, std::size_t count) {
   return texts;
 }
 
-std::string jsonString(std::string_view text) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  std::string json = "\"";
-  for (const char c : text) {
-    const auto code = static_cast<unsigned char>(c);
-    if (code < 0x20) {
-      json += "\\u00";
-      json += digits[code / 16];
-      json += digits[code % 16];
-    } else {
-      if (c == '"' || c == '\\') json += '\\';
-      json += c;
-    }
-  }
-  return json + '"';
+// As it stands between quotation marks in JSON.
+std::string escaped(std::string_view text) {
+  const std::string quoted = nlohmann::json(text).dump();
+  return quoted.substr(1, quoted.size() - 2);
 }
 
-std::string blockRule(std::string_view expression, std::string_view condition = {}) {
-  return R"({"action":{"type":"block"},"trigger":{"url-filter":)" + jsonString(expression) +
-         std::string(condition) + "}}";
-}
-
-std::string hidingRule(std::string_view selector) {
-  return R"({"action":{"type":"css-display-none","selector":)" + jsonString(selector) +
-         R"(},"trigger":{"url-filter":"x"}})";
+std::string blockRule(std::string_view expression) {
+  return test::rule("block", escaped(expression));
 }
 
 class DialectAgainstWebKit : public testing::Test {
@@ -231,7 +216,7 @@ TEST_F(DialectAgainstWebKit, Domains) {
                          "!",      "~", ";",  "`",       "\x01", "\t",  "\n",   "\x7F", "\0"sv};
   const auto ruleWith = [](const std::string& key) {
     return [key](const std::string& domain) {
-      return blockRule("x", ",\"" + key + "\":[" + jsonString(domain) + "]");
+      return test::rule("block", "x", ",\"" + key + "\":[\"" + escaped(domain) + "\"]");
     };
   };
   std::vector<std::string> accepted, refused;
@@ -269,7 +254,7 @@ TEST_F(DialectAgainstWebKit, Selectors) {
     if (!isRefused) accepted.push_back(selector);
   }
   EXPECT_GT(accepted.size(), selectorCount / 10);
-  expectTaken(accepted, hidingRule);
+  expectTaken(accepted, [](const std::string& text) { return test::hide(escaped(text)); });
 }
 
 }  // namespace

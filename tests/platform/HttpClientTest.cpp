@@ -1,13 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <libsoup/soup.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -16,23 +13,19 @@
 
 #include "platform/http/Address.h"
 #include "platform/http/SoupHttpClient.h"
+#include "tests/support/RunUntil.h"
+#include "tests/support/SiteServer.h"
 
 // The client and a real server, in one main loop.
 namespace tamsel {
 namespace {
 
 using namespace std::string_literals;
+using test::finish;
+using test::runUntil;
 using testing::HasSubstr;
+using Answer = test::SiteServer::Answer;
 using Response = HttpClient::Response;
-
-void runUntil(const std::function<bool()>& isSo) {
-  while (!isSo()) g_main_context_iteration(nullptr, TRUE);
-}
-
-Response finish(Task<Response> task) {
-  runUntil([&task] { return task.isDone(); });
-  return task.await_resume();
-}
 
 std::string failure(Task<Response> task) {
   try {
@@ -60,10 +53,12 @@ std::string zeros(std::size_t count) {
   return result;
 }
 
+Answer zipped(std::size_t zeroCount) {
+  return {.body = zeros(zeroCount), .headers = {{"Content-Encoding", "gzip"}}};
+}
+
 class HttpClientTest : public testing::Test {
  protected:
-  using Page = std::function<void(SoupServerMessage*)>;
-
   HttpClientTest() {
     g_log_set_default_handler(
         [](const char* domain, GLogLevelFlags level, const char* message, gpointer) {
@@ -72,121 +67,46 @@ class HttpClientTest : public testing::Test {
           }
         },
         nullptr);
-    soup_server_add_handler(server_, nullptr, answer, this, nullptr);
-    EXPECT_TRUE(soup_server_listen_local(server_, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr));
-    GSList* addresses = soup_server_get_uris(server_);
-    port = g_uri_get_port(static_cast<GUri*>(addresses->data));
-    g_slist_free_full(addresses, reinterpret_cast<GDestroyNotify>(g_uri_unref));
   }
-  ~HttpClientTest() override {
-    g_log_set_default_handler(g_log_default_handler, nullptr);
-    soup_server_disconnect(server_);
-    g_object_unref(server_);
-  }
+  ~HttpClientTest() override { g_log_set_default_handler(g_log_default_handler, nullptr); }
 
-  std::string url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port) + path;
-  }
+  std::string url(const std::string& path) const { return server.url() + path; }
   Task<Response> get(const std::string& path) { return client->get(url(path)); }
-
-  static Page page(std::string body, unsigned status = SOUP_STATUS_OK,
-                   const char* encoding = nullptr) {
-    return [=](SoupServerMessage* message) {
-      soup_server_message_set_status(message, status, nullptr);
-      if (encoding != nullptr) {
-        soup_message_headers_append(soup_server_message_get_response_headers(message),
-                                    "Content-Encoding", encoding);
-      }
-      soup_server_message_set_response(message, "text/plain", SOUP_MEMORY_COPY, body.data(),
-                                       body.size());
-    };
-  }
-  static Page redirect(std::string path, unsigned status = SOUP_STATUS_FOUND) {
-    return [=](SoupServerMessage* message) {
-      soup_server_message_set_redirect(message, status, path.c_str());
-    };
-  }
-  // Sends just this, and closes or waits for the other side to go.
-  Page raw(std::string text, bool closes) {
-    return [this, text, closes](SoupServerMessage* message) {
-      GIOStream* stream = soup_server_message_steal_connection(message);
-      EXPECT_TRUE(g_output_stream_write_all(g_io_stream_get_output_stream(stream), text.data(),
-                                            text.size(), nullptr, nullptr, nullptr));
-      if (closes) {
-        g_io_stream_close(stream, nullptr, nullptr);
-      } else {
-        ++open;
-        g_input_stream_skip_async(g_io_stream_get_input_stream(stream), 1, G_PRIORITY_DEFAULT,
-                                  nullptr, onGone, new Held{this, stream});
-        return;
-      }
-      g_object_unref(stream);
-    };
+  void serve(const std::map<std::string, Answer>& answers) {
+    for (const auto& [path, answer] : answers) server.pages[url(path)] = answer;
   }
 
-  std::map<std::string, Page> pages;
-  int port = 0;
-  int open = 0;  // connections that wait for the client to go
+  test::SiteServer server;
   std::optional<SoupHttpClient> client{std::in_place, std::chrono::seconds(1)};
-
- private:
-  struct Held {
-    HttpClientTest* test;
-    GIOStream* stream;
-  };
-
-  static void answer(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*,
-                     gpointer data) {
-    const auto& pages = static_cast<HttpClientTest*>(data)->pages;
-    const auto found = pages.find(path);
-    if (found == pages.end()) {
-      page("nothing here", SOUP_STATUS_NOT_FOUND)(message);
-    } else {
-      found->second(message);
-    }
-  }
-  static void onGone(GObject* input, GAsyncResult* result, gpointer data) {
-    const std::unique_ptr<Held> held(static_cast<Held*>(data));
-    EXPECT_LE(g_input_stream_skip_finish(G_INPUT_STREAM(input), result, nullptr), 0);
-    --held->test->open;
-    g_object_unref(held->stream);
-  }
-
-  SoupServer* server_ = soup_server_new(nullptr, nullptr);
 };
 
 TEST_F(HttpClientTest, AnswersWithStatusAndBody) {
   std::string bytes;
   for (int i = 0; i < 300000; ++i) bytes += static_cast<char>(i % 251);
-  pages = {{"/text", page("! Title: x\n")},
-           {"/empty", page("")},
-           {"/bytes", page("\0\xFF\r\n"s + bytes)},
-           {"/zeros", page(zeros(100000), SOUP_STATUS_OK, "gzip")},
-           {"/failing", page("why", SOUP_STATUS_INTERNAL_SERVER_ERROR)},
-           {"/unframed", raw("HTTP/1.0 200 OK\r\n\r\nuntil the end", true)}};
-  const std::vector<std::tuple<std::string, unsigned, std::string>> cases = {
-      {"/text", 200, "! Title: x\n"},
-      {"/empty", 200, ""},
-      {"/bytes", 200, "\0\xFF\r\n"s + bytes},
-      {"/zeros", 200, std::string(100000, '\0')},
-      {"/failing", 500, "why"},
-      {"/missing", 404, "nothing here"},
-      {"/unframed", 200, "until the end"}};
-  for (const auto& [path, status, body] : cases) {
-    const Response response = finish(get(path));
-    EXPECT_EQ(response.status, status) << path;
-    EXPECT_TRUE(response.body == body) << path << ' ' << response.body.size();
+  const std::tuple<Answer, unsigned, std::string> cases[] = {
+      {{"! Title: x\n"}, 200, "! Title: x\n"},
+      {{}, 200, ""},
+      {{"\0\xFF\r\n"s + bytes}, 200, "\0\xFF\r\n"s + bytes},
+      {zipped(100000), 200, std::string(100000, '\0')},
+      {{.body = "why", .status = 500}, 500, "why"},
+      {{.body = "nothing here", .status = 404}, 404, "nothing here"},
+      {{.raw = "HTTP/1.0 200 OK\r\n\r\nuntil the end"}, 200, "until the end"}};
+  for (const auto& [answer, status, body] : cases) {
+    serve({{"/x", answer}});
+    const Response response = finish(get("/x"));
+    EXPECT_EQ(response.status, status) << body.substr(0, 20);
+    EXPECT_TRUE(response.body == body) << body.substr(0, 20) << ' ' << response.body.size();
   }
 }
 
 TEST_F(HttpClientTest, FollowsRedirects) {
   for (const unsigned status : {301U, 302U, 303U, 307U, 308U}) {
-    pages = {{"/a", redirect("/b", status)},
-             {"/b", redirect(url("/c?d"), status)},
-             {"/c", page("there")},
-             {"/lost", redirect("/missing", status)},
-             {"/round", redirect("/again", status)},
-             {"/again", redirect("/round", status)}};
+    serve({{"/a", {.status = status, .redirect = "/b"}},
+           {"/b", {.status = status, .redirect = url("/c?d")}},
+           {"/c", {"there"}},
+           {"/lost", {.status = status, .redirect = "/missing"}},
+           {"/round", {.status = status, .redirect = "/again"}},
+           {"/again", {.status = status, .redirect = "/round"}}});
     EXPECT_EQ(finish(get("/a")).body, "there") << status;
     EXPECT_EQ(finish(get("/lost")).status, 404) << status;
     EXPECT_THAT(failure(get("/round")), HasSubstr("redirect")) << status;
@@ -194,26 +114,26 @@ TEST_F(HttpClientTest, FollowsRedirects) {
 }
 
 TEST_F(HttpClientTest, SaysWhyThereIsNoAnswer) {
-  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n";
-  pages = {
-      {"/mute", raw("", false)},
-      {"/stalls", raw(head + "\r\nhalf", false)},
-      {"/breaks", raw(head + "\r\nhalf", true)},
-      {"/closes", raw("", true)},
-      {"/chunks", raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\nx", true)},
-      {"/no-http", raw("SSH-2.0-x\r\n", true)},
-      {"/half-gzip", raw(head + "Content-Encoding: gzip\r\n\r\n" + zeros(1000).substr(0, 9), true)},
-      {"/away", redirect("http://127.0.0.1:1/")},
-      {"/file", redirect("file:///etc/hostname")}};
-  for (const char* path : {"/breaks", "/closes", "/chunks", "/no-http", "/half-gzip", "/file"}) {
-    const std::string reason = failure(get(path));
-    EXPECT_NE(reason, "") << path;
-    EXPECT_NE(reason, "status 200") << path;
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n", half = head + "\r\nhalf";
+  std::vector<Answer> cases = {{.redirect = "file:///etc/hostname"}};
+  for (const std::string& raw :
+       {half, ""s, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\nx"s, "SSH-2.0-x\r\n"s,
+        head + "Content-Encoding: gzip\r\n\r\n" + zeros(1000).substr(0, 9)}) {
+    cases.push_back({.raw = raw});
   }
+  for (const Answer& answer : cases) {
+    serve({{"/x", answer}});
+    const std::string reason = failure(get("/x"));
+    EXPECT_NE(reason, "") << answer.raw.value_or("");
+    EXPECT_NE(reason, "status 200") << answer.raw.value_or("");
+  }
+  serve({{"/mute", {.raw = "", .hangs = true}},
+         {"/stalls", {.raw = half, .hangs = true}},
+         {"/away", {.redirect = "http://127.0.0.1:1/"}}});
   Task<Response> mute = get("/mute"), stalls = get("/stalls");
   EXPECT_THAT(failure(std::move(mute)), HasSubstr("timed out"));
   EXPECT_THAT(failure(std::move(stalls)), HasSubstr("timed out"));
-  runUntil([this] { return open == 0; });
+  runUntil([this] { return server.open == 0; });
 
   EXPECT_THAT(failure(client->get("http://127.0.0.1:1/")), HasSubstr("refused"));
   EXPECT_THAT(failure(get("/away")), HasSubstr("refused"));
@@ -226,33 +146,29 @@ TEST_F(HttpClientTest, SaysWhyThereIsNoAnswer) {
 }
 
 TEST_F(HttpClientTest, TakesNoMoreThanItsLimit) {
-  pages = {{"/most", page(zeros(SoupHttpClient::maxBodyLength), SOUP_STATUS_OK, "gzip")},
-           {"/more", page(zeros(SoupHttpClient::maxBodyLength + 1), SOUP_STATUS_OK, "gzip")}};
+  serve({{"/most", zipped(SoupHttpClient::maxBodyLength)},
+         {"/more", zipped(SoupHttpClient::maxBodyLength + 1)}});
   EXPECT_EQ(finish(get("/most")).body.size(), SoupHttpClient::maxBodyLength);
   EXPECT_THAT(failure(get("/more")), HasSubstr("256 MiB"));
 }
 
 TEST_F(HttpClientTest, AnswersInAnyOrderAndWithoutTheClient) {
-  SoupServerMessage* waiting = nullptr;
-  pages = {{"/fast", page("fast")}, {"/slow", [&waiting](SoupServerMessage* message) {
-                                       page("slow")(message);
-                                       soup_server_message_pause(message);
-                                       waiting = message;
-                                     }}};
+  serve({{"/fast", {"fast"}}, {"/slow", {.body = "slow", .hangs = true}}});
   Task<Response> slow = get("/slow");
-  runUntil([&waiting] { return waiting != nullptr; });
+  runUntil([this] { return !server.hanging.empty(); });
   Task<Response> fast = get("/fast"), another = get("/fast");
   EXPECT_EQ(finish(std::move(fast)).body, "fast");
   EXPECT_EQ(finish(std::move(another)).body, "fast");
   EXPECT_FALSE(slow.isDone());
   client.reset();
-  soup_server_message_unpause(waiting);
+  soup_server_message_unpause(server.hanging[0]);
   EXPECT_EQ(finish(std::move(slow)).body, "slow");
 }
 
 TEST_F(HttpClientTest, EndsTheTransferWithItsTask) {
-  const std::string piece = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf";
-  pages = {{"/mute", raw("", false)}, {"/stalls", raw(piece, false)}, {"/ok", page("ok")}};
+  serve({{"/mute", {.raw = "", .hangs = true}},
+         {"/stalls", {.raw = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf", .hangs = true}},
+         {"/ok", {"ok"}}});
   client.emplace(std::chrono::hours(1));
   bool wentOn = false;
   const auto flow = [&](std::string path) -> Task<> {
@@ -265,11 +181,10 @@ TEST_F(HttpClientTest, EndsTheTransferWithItsTask) {
   };
   for (const char* path : {"/mute", "/stalls"}) {
     Task<> task = flow(path);
-    runUntil([this] { return open == 1; });
-    while (g_main_context_iteration(nullptr, FALSE) != 0) {
-    }
+    runUntil([this] { return server.open == 1; });
+    test::runWhatIsPending();
     task = Task<>();
-    runUntil([this] { return open == 0; });
+    runUntil([this] { return server.open == 0; });
     (void)flow(path);  // gone before it is anywhere
   }
   EXPECT_FALSE(wentOn);

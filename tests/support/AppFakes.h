@@ -3,7 +3,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "platform/savepanel/SavePanel.h"
 #include "state/AppState.h"
 #include "state/Browser.h"
+#include "tests/support/RunUntil.h"
 
 /// Stand-ins for what the application stands on.
 namespace tamsel::test {
@@ -69,11 +69,5 @@ class FakeSavePanel : public SavePanel {
   std::optional<std::string> path;
   std::vector<Question> questions;
 };
-
-/// Runs the main loop until it is so. A test that waits for what never comes is ended by its
-/// runner.
-inline void runUntil(const std::function<bool()>& isSo) {
-  while (!isSo()) g_main_context_iteration(nullptr, TRUE);
-}
 
 }  // namespace tamsel::test

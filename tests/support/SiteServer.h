@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,11 +20,14 @@ class SiteServer {
   struct Answer {
     std::string body = {};
     std::string type = "text/html";
-    /// Elsewhere, instead of the body.
+    unsigned status = SOUP_STATUS_OK;
+    /// Elsewhere, instead of the body. The status is 302 unless another redirect is named.
     std::string redirect = {};
     /// More header lines.
     std::map<std::string, std::string> headers = {};
-    /// Never says a word.
+    /// Sent just so instead of all the rest; then the connection is closed.
+    std::optional<std::string> raw = {};
+    /// Never says a word, or no more than `raw`.
     bool hangs = false;
   };
 
@@ -57,6 +62,10 @@ class SiteServer {
   std::function<Answer(const std::string& url)> others;
   /// Every URL that was requested, in order.
   std::vector<std::string> requests;
+  /// Those that hang, and say their answer when they are unpaused.
+  std::vector<SoupServerMessage*> hanging;
+  /// How many connections hang behind something raw until the client goes; none may outlive this.
+  int open = 0;
 
  private:
   static void handle(SoupServer*, SoupServerMessage* message, const char*, GHashTable*,
@@ -72,18 +81,48 @@ class SiteServer {
       return;
     }
     const Answer answer = page != self.pages.end() ? page->second : self.others(url);
-    if (answer.hangs) return soup_server_message_pause(message);
+    if (answer.raw) return self.send(message, *answer.raw, answer.hangs);
     if (!answer.redirect.empty()) {
-      return soup_server_message_set_redirect(message, SOUP_STATUS_FOUND, answer.redirect.c_str());
+      unsigned status = answer.status;
+      if (status == SOUP_STATUS_OK) status = SOUP_STATUS_FOUND;
+      return soup_server_message_set_redirect(message, status, answer.redirect.c_str());
     }
     SoupMessageHeaders* headers = soup_server_message_get_response_headers(message);
     soup_message_headers_append(headers, "Access-Control-Allow-Origin", "*");
     for (const auto& [name, value] : answer.headers) {
       soup_message_headers_append(headers, name.c_str(), value.c_str());
     }
-    soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
+    soup_server_message_set_status(message, answer.status, nullptr);
     soup_server_message_set_response(message, answer.type.c_str(), SOUP_MEMORY_COPY,
                                      answer.body.data(), answer.body.size());
+    if (!answer.hangs) return;
+    self.hanging.push_back(message);
+    soup_server_message_pause(message);
+  }
+
+  struct Held {
+    SiteServer* server;
+    GIOStream* stream;
+  };
+
+  void send(SoupServerMessage* message, const std::string& text, bool hangs) {
+    GIOStream* stream = soup_server_message_steal_connection(message);
+    g_output_stream_write_all(g_io_stream_get_output_stream(stream), text.data(), text.size(),
+                              nullptr, nullptr, nullptr);
+    if (hangs) {
+      ++open;
+      g_input_stream_skip_async(g_io_stream_get_input_stream(stream), 1, G_PRIORITY_DEFAULT,
+                                nullptr, onGone, new Held{this, stream});
+      return;
+    }
+    g_io_stream_close(stream, nullptr, nullptr);
+    g_object_unref(stream);
+  }
+  static void onGone(GObject* input, GAsyncResult* result, gpointer data) {
+    const std::unique_ptr<Held> held(static_cast<Held*>(data));
+    const gssize more = g_input_stream_skip_finish(G_INPUT_STREAM(input), result, nullptr);
+    if (more <= 0) --held->server->open;
+    g_object_unref(held->stream);
   }
 
   SoupServer* server_;
