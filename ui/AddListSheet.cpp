@@ -38,8 +38,7 @@ AddListSheet::AddListSheet(Actions actions) : actions_(std::move(actions)) {
   column->append(makeContent());
   error_ = makeLabel("", TextStyle::caption);
   error_->add_css_class("error");
-  error_->set_wrap();
-  error_->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+  wrapAnywhere(*error_);
   error_->set_visible(false);
   column->append(*error_);
   column->append(makeButtons());
@@ -73,31 +72,34 @@ Gtk::Widget& AddListSheet::makeModes() {
   modes->append(fromAddress_);
   modes->append(pasted_);
   pasted_.signal_toggled().connect([this] {
-    content_.set_visible_child(pasted_.get_active() ? "text" : "address");
+    drawContent();
     drawAdd();
   });
   return *modes;
 }
 
 Gtk::Widget& AddListSheet::makeContent() {
+  auto* content = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::VERTICAL);
   address_.set_placeholder_text("https://…/list.txt");
   address_.set_text(easyList);
   address_.set_input_purpose(Gtk::InputPurpose::URL);
+  address_.set_hexpand();
   address_.set_activates_default();
   setAccessibleName(address_, "Address of the list");
   address_.signal_changed().connect([this] { drawAdd(); });
-  content_.add(address_, "address");
+  content->append(address_);
 
   text_.set_monospace();
   text_.set_accepts_tab(false);
-  setAccessibleName(text_, "Text of the list");
   text_.get_buffer()->signal_changed().connect([this] { drawAdd(); });
-  Gtk::ScrolledWindow* scrolled = makeScrolled(text_);
+  Gtk::ScrolledWindow* scrolled = makeFramed(text_, "Text of the list");
   scrolled->set_policy(Gtk::PolicyType::AUTOMATIC, Gtk::PolicyType::AUTOMATIC);
   scrolled->set_min_content_height(textHeight);
-  content_.add(*scrolled, "text");
-  content_.set_vhomogeneous(false);
-  return content_;
+  scrolled->set_hexpand();
+  content->append(*scrolled);
+  textPane_ = scrolled;
+  drawContent();
+  return *content;
 }
 
 Gtk::Widget& AddListSheet::makeButtons() {
@@ -113,6 +115,15 @@ Gtk::Widget& AddListSheet::makeButtons() {
   row->append(add_);
   set_default_widget(add_);
   return *row;
+}
+
+// The field that is filled in next has the focus; an address that stands there is replaced by
+// typing.
+void AddListSheet::drawContent() {
+  const bool isPasted = pasted_.get_active();
+  address_.set_visible(!isPasted);
+  textPane_->set_visible(isPasted);
+  set_focus(isPasted ? static_cast<Gtk::Widget&>(text_) : address_);
 }
 
 void AddListSheet::drawAdd() {

@@ -4,8 +4,8 @@
 #include <gtkmm/button.h>
 #include <gtkmm/entry.h>
 #include <gtkmm/label.h>
+#include <gtkmm/scrolledwindow.h>
 #include <gtkmm/spinner.h>
-#include <gtkmm/stack.h>
 #include <gtkmm/textview.h>
 #include <gtkmm/togglebutton.h>
 #include <gtkmm/window.h>
@@ -36,6 +36,7 @@ class AddListSheet : public Gtk::Window {
   Gtk::Widget& makeModes();
   Gtk::Widget& makeContent();
   Gtk::Widget& makeButtons();
+  void drawContent();
   void drawAdd();
   void add();
 
@@ -43,7 +44,7 @@ class AddListSheet : public Gtk::Window {
   Gtk::ToggleButton fromAddress_{"From URL"}, pasted_{"Paste text"};
   Gtk::Entry name_, address_;
   Gtk::TextView text_;
-  Gtk::Stack content_;
+  Gtk::ScrolledWindow* textPane_ = nullptr;
   Gtk::Label* error_ = nullptr;
   Gtk::Spinner busy_;
   Gtk::Button add_{"Add"};

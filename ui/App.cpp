@@ -10,6 +10,7 @@
 #include "browser/BrowserModel.h"
 #include "platform/webview/WebKitView.h"
 #include "ui/ContentView.h"
+#include "ui/Renderer.h"
 
 namespace tamsel {
 namespace {
@@ -47,6 +48,8 @@ TamselApp::~TamselApp() = default;
 void TamselApp::on_startup() {
   Gtk::Application::on_startup();
   adw_init();
+  Renderer::chooseForDisplay();
+  gtk_window_set_default_icon_name(applicationId);
   const auto provider = Gtk::CssProvider::create();
   provider->load_from_resource(styles);
   Gtk::StyleContext::add_provider_for_display(Gdk::Display::get_default(), provider,

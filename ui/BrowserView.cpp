@@ -25,8 +25,7 @@ BrowserView::BrowserView(AppState& app, BrowserModel& browser)
 
   status_ = makeLabel("", TextStyle::caption);
   status_->add_css_class("warning");
-  status_->set_wrap();
-  status_->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+  wrapAnywhere(*status_);
   append(*status_);
 
   auto* host = Gtk::make_managed<WebViewHost>(*browser.webView);

@@ -19,6 +19,15 @@ void addTab(AdwViewStack* tabs, Gtk::Widget& view, const char* name, std::string
   adw_view_stack_page_set_icon_name(page, Symbols::icon(symbol).c_str());
 }
 
+// Tabs that are not shown stay where they are, which those who cannot see must not notice.
+void hideOthers(AdwViewStack* tabs) {
+  GtkWidget* shown = adw_view_stack_get_visible_child(tabs);
+  for (GtkWidget* tab = gtk_widget_get_first_child(GTK_WIDGET(tabs)); tab != nullptr;
+       tab = gtk_widget_get_next_sibling(tab)) {
+    gtk_accessible_update_state(GTK_ACCESSIBLE(tab), GTK_ACCESSIBLE_STATE_HIDDEN, tab != shown, -1);
+  }
+}
+
 }  // namespace
 
 ContentView::ContentView(AppState& app, BrowserModel& browser)
@@ -30,6 +39,8 @@ ContentView::ContentView(AppState& app, BrowserModel& browser)
   addTab(tabs, *Gtk::make_managed<TesterView>(app), "URL Tester", "magnifyingglass");
   addTab(tabs, *Gtk::make_managed<CustomRulesView>(app), "Custom Rules",
          "pencil.and.list.clipboard");
+  hideOthers(tabs);
+  g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(hideOthers), nullptr);
 
   auto* switcher = ADW_VIEW_SWITCHER(adw_view_switcher_new());
   adw_view_switcher_set_policy(switcher, ADW_VIEW_SWITCHER_POLICY_WIDE);

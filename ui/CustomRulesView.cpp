@@ -81,14 +81,13 @@ Gtk::Widget& CustomRulesView::makeEditor() {
                          &Gtk::TextView::set_top_margin, &Gtk::TextView::set_bottom_margin}) {
     (editor_.*set)(6);
   }
-  setAccessibleName(editor_, "Custom rules");
   onEdit_ = editor_.get_buffer()->signal_changed().connect([this] {
     isEditing_ = true;
     app_.customRules = editor_.get_buffer()->get_text().raw();
     isEditing_ = false;
   });
 
-  Gtk::ScrolledWindow* scrolled = makeScrolled(editor_);
+  Gtk::ScrolledWindow* scrolled = makeFramed(editor_, "Custom rules");
   scrolled->set_policy(Gtk::PolicyType::AUTOMATIC, Gtk::PolicyType::AUTOMATIC);
   scrolled->set_vexpand();
   return *scrolled;

@@ -24,11 +24,6 @@ std::string subtitle(const FilterList& list) {
   return text;
 }
 
-void makeFlat(Gtk::Button& button) {
-  button.set_has_frame(false);
-  button.set_valign(Gtk::Align::CENTER);
-}
-
 }  // namespace
 
 ListRow::ListRow(AppState& app)
@@ -49,20 +44,23 @@ ListRow::ListRow(AppState& app)
 
   auto* texts = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::VERTICAL, 2);
   texts->set_hexpand();
+  for (Gtk::Label* line : {name_, subtitle_}) line->set_single_line_mode();
   name_->set_ellipsize(Pango::EllipsizeMode::END);
   subtitle_->set_ellipsize(Pango::EllipsizeMode::MIDDLE);
   error_->add_css_class("error");
-  error_->set_wrap();
-  error_->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+  wrapAnywhere(*error_);
   for (Gtk::Label* label : {name_, subtitle_, error_}) texts->append(*label);
   append(*texts);
 
   append(*count_);
-  makeFlat(refresh_);
+  for (Gtk::Button* button : {&refresh_, &remove_}) {
+    button->set_has_frame(false);
+    button->set_valign(Gtk::Align::CENTER);
+    setDescription(*button, *name_);
+  }
   setSymbol(refresh_, "arrow.clockwise", "Refresh this list");
   refresh_.signal_clicked().connect([this] { app_.refresh(Uuid(id_)); });
   append(refresh_);
-  makeFlat(remove_);
   setSymbol(remove_, "trash", "Remove list");
   remove_.add_css_class("error");
   remove_.signal_clicked().connect([this] { app_.remove(Uuid(id_)); });
@@ -98,7 +96,8 @@ ListsView::ListsView(AppState& app)
       rows_([&app] { return Gtk::make_managed<ListRow>(app); },
             [&app](ListRow& row, guint position) {
               if (position < app.lists->size()) row.show(app.lists.get()[position]);
-            }) {
+            },
+            [](ListRow& row) -> Gtk::Widget& { return row.name(); }) {
   set_margin(padding);
   append(makeHeader());
   append(makeList());
@@ -127,8 +126,7 @@ Gtk::Widget& ListsView::makeList() {
   auto* list = Gtk::make_managed<Gtk::ListView>(Gtk::NoSelection::create(model_), rows_.factory());
   list->add_css_class("rich-list");
   list->set_show_separators();
-  setAccessibleName(*list, "Filter lists");
-  Gtk::ScrolledWindow* scrolled = makeScrolled(*list);
+  Gtk::ScrolledWindow* scrolled = makeFramed(*list, "Filter lists");
   scrolled->set_vexpand();
   return *scrolled;
 }
@@ -137,8 +135,7 @@ Gtk::Widget& ListsView::makeStatusRow() {
   auto* row = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 8);
   row->append(working_);
   status_ = makeLabel("", TextStyle::captionSecondary);
-  status_->set_wrap();
-  status_->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+  wrapAnywhere(*status_);
   row->append(*status_);
   return *row;
 }

@@ -25,6 +25,8 @@ class ListRow : public Gtk::Box {
 
   void show(const FilterList& list);
 
+  Gtk::Label& name() { return *name_; }
+
  private:
   AppState& app_;
   Uuid id_;

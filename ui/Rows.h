@@ -8,6 +8,7 @@
 #include <map>
 
 #include "ui/RowModel.h"
+#include "ui/Widgets.h"
 
 namespace tamsel {
 
@@ -19,14 +20,18 @@ class Rows {
   using Make = std::function<Row*()>;
   using Draw = std::function<void(Row&, guint position)>;
 
-  /// `make` makes a managed widget; `drawRow` has it show what belongs to a position.
-  Rows(Make make, Draw drawRow) : draw_(std::move(drawRow)) {
+  using Label = std::function<Gtk::Widget&(Row&)>;
+
+  /// `make` makes a managed widget; `drawRow` has it show what belongs to a position; `label`, if
+  /// there is one, tells what names the row for those who cannot see it.
+  Rows(Make make, Draw drawRow, Label label = {}) : draw_(std::move(drawRow)) {
     factory_->signal_setup().connect([make](const Glib::RefPtr<Gtk::ListItem>& item) {
       item->set_activatable(false);
       item->set_child(*make());
     });
-    factory_->signal_bind().connect([this](const Glib::RefPtr<Gtk::ListItem>& item) {
+    factory_->signal_bind().connect([this, label](const Glib::RefPtr<Gtk::ListItem>& item) {
       auto* row = dynamic_cast<Row*>(item->get_child());
+      if (label) nameLine(*row, label(*row));
       shown_[row] = item->get_position();
       draw_(*row, item->get_position());
     });
@@ -45,6 +50,13 @@ class Rows {
   }
 
  private:
+  // The toolkit's widget around a row, or around all cells of one, has the focus.
+  static void nameLine(Gtk::Widget& row, Gtk::Widget& label) {
+    Gtk::Widget* line = row.get_parent();
+    while (line != nullptr && line->get_css_name() != "row") line = line->get_parent();
+    if (line != nullptr) setLabel(*line, label);
+  }
+
   Draw draw_;
   std::map<Row*, guint> shown_;
   Glib::RefPtr<Gtk::SignalListItemFactory> factory_ = Gtk::SignalListItemFactory::create();

@@ -24,6 +24,20 @@ std::size_t total(const ListStats& stats) {
   return stats.block + stats.exception + stats.cosmetic;
 }
 
+// What the toolkit makes of a table itself: a row of titles, which has the focus as if it could be
+// sorted, and in which every title begins where its column does; and a list without a name.
+void arrange(Gtk::ColumnView& table, const char* name) {
+  Gtk::Widget* titles = table.get_first_child();
+  titles->set_focusable(false);
+  setAccessibleName(*titles->get_next_sibling(), name);
+  Gtk::Widget* title = titles->get_first_child();
+  while ((title = title->get_next_sibling()) != nullptr) {
+    Gtk::Widget* text = title->get_first_child()->get_first_child();
+    text->set_hexpand();
+    text->set_halign(Gtk::Align::END);
+  }
+}
+
 }  // namespace
 
 SkippedRow::SkippedRow()
@@ -55,7 +69,8 @@ RulesView::RulesView(AppState& app)
                      if (position < shown_.size() && shown_[position] < app_.skipped->size()) {
                        row.show(app_.skipped.get()[shown_[position]]);
                      }
-                   }) {
+                   },
+                   [](SkippedRow& row) -> Gtk::Widget& { return row.line(); }) {
   set_margin(padding);
   append(makeHeader());
   compileError_ = makeLabel("", TextStyle::caption);
@@ -65,8 +80,7 @@ RulesView::RulesView(AppState& app)
                          TextStyle::caption);
   truncated_->add_css_class("warning");
   for (Gtk::Label* label : {compileError_, truncated_}) {
-    label->set_wrap();
-    label->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+    wrapAnywhere(*label);
     append(*label);
   }
   append(makeCounts());
@@ -107,7 +121,8 @@ void RulesView::addColumn(Gtk::ColumnView& table, const char* title,
         const Source of = source(position);
         setText(cell, displayable(text(of)));
         setClass(cell, secondary, !of.isEnabled);
-      });
+      },
+      isFirst ? [](Gtk::Label& cell) -> Gtk::Widget& { return cell; } : Rows<Gtk::Label>::Label());
   const auto column = Gtk::ColumnViewColumn::create(title, rows->factory());
   column->set_expand(isFirst);
   table.append_column(column);
@@ -116,7 +131,8 @@ void RulesView::addColumn(Gtk::ColumnView& table, const char* title,
 
 Gtk::Widget& RulesView::makeCounts() {
   auto* group = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::VERTICAL, 4);
-  group->append(*makeLabel("Rules produced per list", TextStyle::heading));
+  const char* const name = "Rules produced per list";
+  group->append(*makeLabel(name, TextStyle::heading));
   auto* table = Gtk::make_managed<Gtk::ColumnView>(Gtk::NoSelection::create(counts_));
   table->add_css_class("data-table");
   const auto number = [this](std::size_t (*of)(const ListStats&)) {
@@ -130,9 +146,12 @@ Gtk::Widget& RulesView::makeCounts() {
   addColumn(*table, "Total", number(total));
   addColumn(*table, "Skipped", number([](const ListStats& stats) { return stats.skipped; }));
 
-  Gtk::ScrolledWindow* scrolled = makeScrolled(*table);
+  arrange(*table, name);
+
+  Gtk::ScrolledWindow* scrolled = makeFramed(*table, name);
   scrolled->set_propagate_natural_height();
   scrolled->set_max_content_height(countsHeight);
+  leaveByTab(*scrolled);
   group->append(*scrolled);
   return *group;
 }
@@ -170,9 +189,9 @@ Gtk::Widget& RulesView::makeSkipped() {
       Gtk::make_managed<Gtk::ListView>(Gtk::NoSelection::create(skipped_), skippedRows_.factory());
   list->add_css_class("skipped");
   list->set_show_separators();
-  setAccessibleName(*list, "Skipped lines");
-  Gtk::ScrolledWindow* scrolled = makeScrolled(*list);
+  Gtk::ScrolledWindow* scrolled = makeFramed(*list, "Skipped lines");
   scrolled->set_vexpand();
+  leaveByTab(*scrolled);
   return *scrolled;
 }
 

@@ -26,6 +26,8 @@ class SkippedRow : public Gtk::Box {
 
   void show(const SkippedRule& skipped);
 
+  Gtk::Label& line() { return *line_; }
+
  private:
   Gtk::Label* line_;
   Gtk::Label* reason_;

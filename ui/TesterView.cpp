@@ -2,6 +2,7 @@
 
 #include <gtkmm/button.h>
 #include <gtkmm/stringlist.h>
+#include <gtkmm/window.h>
 
 #include <array>
 #include <optional>
@@ -43,8 +44,7 @@ RuleRow::RuleRow()
       rule_(makeLabel("", TextStyle::monospace)),
       origin_(makeLabel("", TextStyle::captionSecondary)) {
   for (Gtk::Label* label : {rule_, origin_}) {
-    label->set_wrap();
-    label->set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+    wrapAnywhere(*label);
     label->set_selectable();
     append(*label);
   }
@@ -66,10 +66,7 @@ TesterView::TesterView(AppState& app) : Gtk::Box(Gtk::Orientation::VERTICAL, 10)
   append(*caption);
   append(makeForm());
   append(makeResult());
-  auto* note = Gtk::make_managed<SafariNote>();
-  note->set_vexpand();
-  note->set_valign(Gtk::Align::END);
-  append(*note);
+  append(*Gtk::make_managed<SafariNote>());
 }
 
 Gtk::Widget& TesterView::makeForm() {
@@ -100,6 +97,15 @@ Gtk::Widget& TesterView::makeForm() {
   auto* button = Gtk::make_managed<Gtk::Button>("Test");
   button->add_css_class("suggested-action");
   button->signal_clicked().connect([this] { start(); });
+  // Of the window, but only while this tab is shown.
+  const auto makeDefault = [button](Gtk::Widget* widget) {
+    auto* window = dynamic_cast<Gtk::Window*>(button->get_root());
+    if (window == nullptr) return;
+    if (widget == nullptr) return window->unset_default_widget();
+    window->set_default_widget(*widget);
+  };
+  button->signal_map().connect([button, makeDefault] { makeDefault(button); });
+  button->signal_unmap().connect([makeDefault] { makeDefault(nullptr); });
   row->append(*button);
   form->append(*row);
   return *form;
@@ -116,10 +122,18 @@ Gtk::Widget& TesterView::makeResult() {
   result_.append(second_);
   thirdParty_ = makeLabel("", TextStyle::captionSecondary);
   result_.append(*thirdParty_);
+  result_.set_valign(Gtk::Align::START);
   result_.add_css_class("card");
   result_.add_css_class("result");
-  result_.set_visible(false);
-  return result_;
+
+  // An expression can be longer than the window is high.
+  auto* room = Gtk::make_managed<Gtk::Box>();
+  room->set_vexpand();
+  resultPane_ = makeScrolled(result_, "Result");
+  resultPane_->set_hexpand();
+  resultPane_->set_visible(false);
+  room->append(*resultPane_);
+  return *room;
 }
 
 void TesterView::start() {
@@ -159,7 +173,7 @@ void TesterView::show(const Engine::Verdict& verdict) {
   }
   thirdParty_->set_visible(verdict.block.has_value());
   setText(*thirdParty_, std::string("Third-party request: ") + (verdict.thirdParty ? "yes" : "no"));
-  result_.set_visible();
+  resultPane_->set_visible();
 }
 
 }  // namespace tamsel

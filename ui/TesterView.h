@@ -5,6 +5,7 @@
 #include <gtkmm/entry.h>
 #include <gtkmm/image.h>
 #include <gtkmm/label.h>
+#include <gtkmm/scrolledwindow.h>
 
 #include <string>
 
@@ -42,6 +43,7 @@ class TesterView : public Gtk::Box {
   Gtk::Entry url_, page_;
   Gtk::DropDown type_;
   Gtk::Box result_{Gtk::Orientation::VERTICAL, 6};
+  Gtk::ScrolledWindow* resultPane_ = nullptr;
   Gtk::Image symbol_;
   Gtk::Label* headline_ = nullptr;
   RuleRow first_, second_;

@@ -3,6 +3,9 @@
 #include <gtk/gtk.h>
 #include <gtkmm/box.h>
 #include <gtkmm/image.h>
+#include <gtkmm/shortcutcontroller.h>
+
+#include <utility>
 
 #include "compiler/Unicode.h"
 #include "ui/Symbols.h"
@@ -73,12 +76,53 @@ void setLabel(Gtk::Widget& widget, Gtk::Widget& label) {
                                  GTK_ACCESSIBLE(label.gobj()), nullptr, -1);
 }
 
-Gtk::ScrolledWindow* makeScrolled(Gtk::Widget& content) {
+void setLabel(Gtk::DropDown& picker, Gtk::Widget& label) {
+  setLabel(static_cast<Gtk::Widget&>(picker), label);
+  // It is this that has the focus.
+  if (Gtk::Widget* button = picker.get_first_child()) setLabel(*button, label);
+}
+
+void setDescription(Gtk::Widget& widget, Gtk::Widget& label) {
+  gtk_accessible_update_relation(GTK_ACCESSIBLE(widget.gobj()),
+                                 GTK_ACCESSIBLE_RELATION_DESCRIBED_BY, GTK_ACCESSIBLE(label.gobj()),
+                                 nullptr, -1);
+}
+
+void wrapAnywhere(Gtk::Label& label) {
+  label.set_wrap();
+  label.set_wrap_mode(Pango::WrapMode::WORD_CHAR);
+}
+
+Gtk::ScrolledWindow* makeScrolled(Gtk::Widget& content, const std::string& name) {
   auto* scrolled = Gtk::make_managed<Gtk::ScrolledWindow>();
   scrolled->set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
   scrolled->set_child(content);
+  setAccessibleName(content, name);
+  // It has the focus if nothing in it can.
+  setAccessibleName(*scrolled, name);
+  return scrolled;
+}
+
+Gtk::ScrolledWindow* makeFramed(Gtk::Widget& content, const std::string& name) {
+  Gtk::ScrolledWindow* scrolled = makeScrolled(content, name);
   scrolled->add_css_class("framed");
   return scrolled;
+}
+
+void leaveByTab(Gtk::ScrolledWindow& list) {
+  const auto keys = Gtk::ShortcutController::create();
+  keys->set_propagation_phase(Gtk::PropagationPhase::CAPTURE);
+  for (const auto& [key, direction] :
+       {std::pair{"Tab", GTK_DIR_TAB_FORWARD}, {"<Shift>Tab", GTK_DIR_TAB_BACKWARD}}) {
+    keys->add_shortcut(Gtk::Shortcut::create(
+        Gtk::ShortcutTrigger::parse_string(key),
+        Gtk::CallbackAction::create(
+            [direction = direction](Gtk::Widget& widget, const Glib::VariantBase&) {
+              g_signal_emit_by_name(widget.gobj(), "move-focus-out", direction);
+              return true;
+            })));
+  }
+  list.add_controller(keys);
 }
 
 void setClass(Gtk::Widget& widget, const char* name, bool isOn) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtkmm/button.h>
+#include <gtkmm/dropdown.h>
 #include <gtkmm/label.h>
 #include <gtkmm/scrolledwindow.h>
 #include <gtkmm/widget.h>
@@ -32,9 +33,20 @@ void setSymbolAndText(Gtk::Button& button, std::string_view symbol, const Glib::
 
 /// Says that the label names the widget.
 void setLabel(Gtk::Widget& widget, Gtk::Widget& label);
+void setLabel(Gtk::DropDown& picker, Gtk::Widget& label);
 
-/// The widget, which is taller than there is room, in a frame.
-Gtk::ScrolledWindow* makeScrolled(Gtk::Widget& content);
+/// Says that the label tells of which thing this is, where several have one name.
+void setDescription(Gtk::Widget& widget, Gtk::Widget& label);
+
+/// Breaks the text into lines, within a word if it has to be.
+void wrapAnywhere(Gtk::Label& label);
+
+/// The widget, which may be taller than there is room, and its name.
+Gtk::ScrolledWindow* makeScrolled(Gtk::Widget& content, const std::string& name);
+Gtk::ScrolledWindow* makeFramed(Gtk::Widget& content, const std::string& name);
+
+/// Has Tab lead out of a list of many lines, in which the arrow keys move.
+void leaveByTab(Gtk::ScrolledWindow& list);
 
 /// Adds or removes a style class.
 void setClass(Gtk::Widget& widget, const char* name, bool isOn);

@@ -67,9 +67,19 @@ bool is(const Element& element, AtspiRole role) {
   return atspi_accessible_get_role(element.get(), nullptr) == role;
 }
 
-// The first one that passes, depth first, which is reading order.
+// The toolkit gives a widget without a name that of its type.
+bool isMadeUp(const std::string& name) {
+  return name.starts_with("Gtk") || name.starts_with("gtkmm__") || name.starts_with("Adw");
+}
+
+// The first one that passes, depth first, which is reading order. What is in a tab's button or in
+// a text is of no interest, and every question takes its time.
 Element search(Element element, const std::function<bool(const Element&)>& isIt) {
   if (isIt(element)) return element;
+  for (const AtspiRole role : {ATSPI_ROLE_PAGE_TAB, ATSPI_ROLE_LABEL, ATSPI_ROLE_TEXT,
+                               ATSPI_ROLE_IMAGE, ATSPI_ROLE_SCROLL_BAR}) {
+    if (is(element, role)) return nullptr;
+  }
   const int children = atspi_accessible_get_child_count(element.get(), nullptr);
   for (int i = 0; i < children; ++i) {
     Element child(atspi_accessible_get_child_at_index(element.get(), i, nullptr));
@@ -122,6 +132,42 @@ Element AccessibleApp::find(AtspiRole role, const std::string& name) const {
   return find(role, [&name](const std::string& other) { return other == name; });
 }
 
+AccessibleApp AccessibleApp::within(AtspiRole role, const std::string& name) const {
+  return AccessibleApp(await(role, name));
+}
+
+std::vector<std::string> AccessibleApp::labels() const {
+  std::vector<std::string> texts;
+  search(root(), [&texts](const Element& element) {
+    if (is(element, ATSPI_ROLE_LABEL)) {
+      const std::string text = nameOf(element);
+      if (!isMadeUp(text)) texts.push_back(text);
+    }
+    return false;
+  });
+  return texts;
+}
+
+std::vector<std::string> AccessibleApp::namelessControls() const {
+  std::vector<std::string> roles;
+  search(root(), [&roles](const Element& element) {
+    const std::string name = nameOf(element);
+    // A filler is part of another control.
+    if (has(element, ATSPI_STATE_FOCUSABLE) && !is(element, ATSPI_ROLE_FILLER) &&
+        (name.empty() || isMadeUp(name))) {
+      roles.push_back(take(atspi_accessible_get_role_name(element.get(), nullptr)) + " " + name);
+    }
+    return false;
+  });
+  return roles;
+}
+
+std::string AccessibleApp::focused() const {
+  const Element focused =
+      search(root(), [](const Element& element) { return has(element, ATSPI_STATE_FOCUSED); });
+  return focused == nullptr ? "" : nameOf(focused);
+}
+
 std::optional<std::string> AccessibleApp::labelWithPrefix(const std::string& prefix) const {
   const Element label = find(
       ATSPI_ROLE_LABEL, [&prefix](const std::string& name) { return name.starts_with(prefix); });
@@ -134,35 +180,44 @@ std::optional<std::string> AccessibleApp::labelWithSuffix(const std::string& suf
   return label == nullptr ? std::nullopt : std::optional(nameOf(label));
 }
 
+Element AccessibleApp::await(AtspiRole role, const std::string& name) const {
+  Element element;
+  waitUntil(name, [&] { return (element = find(role, name)) != nullptr; });
+  return element;
+}
+
 void AccessibleApp::act(AtspiRole role, const std::string& name, const std::string& action) const {
-  bool isDone = false;
-  search(root(), [&](const Element& element) {
+  const auto isDone = [&](const Element& element) {
     if (!is(element, role) || nameOf(element) != name) return false;
     const std::unique_ptr<AtspiAction, Unref> actions(
         atspi_accessible_get_action_iface(element.get()));
     const int count = actions == nullptr ? 0 : atspi_action_get_n_actions(actions.get(), nullptr);
-    for (int i = 0; i < count && !isDone; ++i) {
+    for (int i = 0; i < count; ++i) {
       if (!action.empty() &&
           take(atspi_action_get_action_name(actions.get(), i, nullptr)) != action) {
         continue;
       }
-      isDone = atspi_action_do_action(actions.get(), i, nullptr) != FALSE;
+      if (atspi_action_do_action(actions.get(), i, nullptr) != FALSE) return true;
     }
-    return isDone;
-  });
-  if (!isDone) throw std::runtime_error("Nothing can be done with " + name + ".");
+    return false;
+  };
+  waitUntil(name + " to act on", [&] { return search(root(), isDone) != nullptr; });
+}
+
+bool AccessibleApp::hasState(AtspiRole role, const std::string& name, AtspiStateType state) const {
+  return has(await(role, name), state);
+}
+
+bool AccessibleApp::isChecked(AtspiRole role, const std::string& name) const {
+  return hasState(role, name, ATSPI_STATE_CHECKED);
 }
 
 bool AccessibleApp::isSensitive(AtspiRole role, const std::string& name) const {
-  const Element element = find(role, name);
-  if (element == nullptr) throw std::runtime_error("The window has no " + name + ".");
-  return has(element, ATSPI_STATE_SENSITIVE);
+  return hasState(role, name, ATSPI_STATE_SENSITIVE);
 }
 
 Element AccessibleApp::field(const std::string& name) const {
-  Element element = find(ATSPI_ROLE_TEXT, name);
-  if (element == nullptr) throw std::runtime_error("The window has no field " + name + ".");
-  return element;
+  return await(ATSPI_ROLE_TEXT, name);
 }
 
 std::string AccessibleApp::textOf(const std::string& name) const {
@@ -182,6 +237,15 @@ void AccessibleApp::setText(const std::string& name, const std::string& text) co
 
 bool AccessibleApp::isFocused(const std::string& name) const {
   return has(field(name), ATSPI_STATE_FOCUSED);
+}
+
+void AccessibleApp::tabTo(const std::string& name) const {
+  // A key that comes before the window has the focus is lost.
+  waitUntil(name + " to have the focus", [&] {
+    if (focused() == name) return true;
+    press("Tab");
+    return false;
+  });
 }
 
 void AccessibleApp::type(const std::string& characters) {

@@ -1,0 +1,166 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/AccessibleApp.h"
+#include "tests/support/SiteServer.h"
+#include "tests/ui/WindowTest.h"
+
+namespace tamsel {
+namespace {
+
+using test::AccessibleApp;
+using testing::HasSubstr;
+
+class BrowserWindowTest : public test::WindowTest {
+ protected:
+  void browse(const std::string& url) {
+    // A key that comes before the window has the focus is lost.
+    await("the address to be selected", [this] {
+      AccessibleApp::press("<Control>l");
+      return window().isFocused("Address");
+    });
+    AccessibleApp::type(url + "\n");
+  }
+};
+
+TEST_F(BrowserWindowTest, ShowsTheDemoPageAndPausesItsSite) {
+  awaitCount("4");
+  EXPECT_TRUE(window().find(ATSPI_ROLE_LABEL, "36 rules active"));
+  EXPECT_EQ(window().textOf("Address"), "https://example.org/");
+  EXPECT_FALSE(window().isSensitive(ATSPI_ROLE_PUSH_BUTTON, "Back"));
+  EXPECT_FALSE(window().isSensitive(ATSPI_ROLE_PUSH_BUTTON, "Forward"));
+
+  window().act(ATSPI_ROLE_PUSH_BUTTON, "4 blocked on this page");
+  awaitText("https://ads.example.com/banner.png");
+  awaitText("https://tracker.example.net/t.js");
+  EXPECT_FALSE(window().find(ATSPI_ROLE_LABEL, "https://ads.example.com/allowed/ok.png"));
+
+  window().act(ATSPI_ROLE_CHECK_BOX, "Pause on example.org");
+  awaitCount("0");
+  awaitText("Nothing blocked yet.");
+  EXPECT_THAT(state(), HasSubstr(R"("pausedSites":["example.org"])"));
+  window().act(ATSPI_ROLE_CHECK_BOX, "Pause on example.org");
+  awaitCount("4");
+}
+
+TEST_F(BrowserWindowTest, AppliesCustomRules) {
+  test::SiteServer sites;
+  sites.pages[sites.url() + "/"] = {
+      "<title>Page</title><p class=ad>Ad</p><img src='/pictures/a.png'><img src='/other.png'>"};
+  showTab("Custom Rules");
+  awaitText("Custom rules");
+  window().setText("Custom rules", "/pictures/*\n127.0.0.1##.ad\nexample.com##+js(x)\n");
+  const std::string none = "Custom list: 0 rules (0 block, 0 exceptions, 0 hide), 0 skipped.";
+  EXPECT_TRUE(window().labelWithPrefix(none));  // not yet
+  window().act(ATSPI_ROLE_PUSH_BUTTON, "Save & apply");
+  awaitText("Custom list: 3 rules (2 block, 0 exceptions, 1 hide), 1 skipped. Examples: ");
+  EXPECT_THAT(state(), HasSubstr("127.0.0.1##.ad"));
+
+  showTab("Browser");
+  awaitText("39 rules active");
+  browse(sites.url() + "/");
+  awaitCount("1");
+  awaitText("Pause on 127.0.0.1");
+  await("the other picture", [&] { return sites.timesRequested(sites.url() + "/other.png") == 1; });
+  EXPECT_EQ(sites.timesRequested(sites.url() + "/pictures/a.png"), 0);
+
+  // All of it is there at the next start.
+  EXPECT_EQ(close(), 0);
+  start();
+  awaitText("39 rules active");
+  showTab("Custom Rules");
+  await("the rules", [this] {
+    return window().textOf("Custom rules") == "/pictures/*\n127.0.0.1##.ad\nexample.com##+js(x)\n";
+  });
+}
+
+TEST_F(BrowserWindowTest, IsUsedByKeyboard) {
+  test::SiteServer sites;
+  for (const char* path : {"/1", "/2"}) {
+    sites.pages[sites.url() + path] = {std::string("<title>Page</title>") + path};
+  }
+  const auto awaitAddress = [this](const std::string& address) {
+    await(address, [&] {
+      return window().textOf("Address") == address &&
+             window().find(ATSPI_ROLE_PUSH_BUTTON, "Reload") != nullptr;
+    });
+  };
+  awaitCount("4");
+  for (const char* path : {"/1", "/2"}) {
+    browse(sites.url() + path);
+    awaitAddress(sites.url() + path);
+  }
+  AccessibleApp::press("<Alt>Left");
+  awaitAddress(sites.url() + "/1");
+  AccessibleApp::press("<Alt>Right");
+  awaitAddress(sites.url() + "/2");
+  for (const char* keys : {"<Control>r", "F5"}) {
+    const std::size_t before = sites.timesRequested(sites.url() + "/2");
+    AccessibleApp::press(keys);
+    await(keys, [&] { return sites.timesRequested(sites.url() + "/2") > before; });
+    awaitAddress(sites.url() + "/2");
+  }
+  showTab("Custom Rules");
+  window().setText("Custom rules", "##.ad\n");
+  AccessibleApp::press("<Control>s");
+  awaitText("Custom list: 1 rules");
+}
+
+// The processes below this one that run the program of this name.
+std::vector<pid_t> descendants(pid_t parent, const std::string& name) {
+  std::vector<pid_t> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream file(entry.path() / "stat");
+    pid_t pid = 0;
+    pid_t above = 0;
+    std::string program, state;
+    if (!(file >> pid) || !std::getline(file.ignore(2), program, ')') ||
+        !(file >> state >> above) || above != parent) {
+      continue;
+    }
+    if (program == name.substr(0, program.size())) found.push_back(pid);
+    for (const pid_t below : descendants(pid, name)) found.push_back(below);
+  }
+  return found;
+}
+
+TEST_F(BrowserWindowTest, SaysWhatWentWrongAndGoesOn) {
+  awaitCount("4");
+  // Nobody listens there.
+  browse("http://127.0.0.1:1025/");
+  awaitText("Could not connect");
+  EXPECT_EQ(window().textOf("Address"), "https://example.org/");
+
+  window().act(ATSPI_ROLE_PUSH_BUTTON, "Demo page");
+  awaitCount("4");
+  EXPECT_FALSE(window().labelWithPrefix("Could not connect"));
+
+  const pid_t program = std::stoi(g_subprocess_get_identifier(process()));
+  const std::vector<pid_t> pages = descendants(program, "WebKitWebProcess");
+  ASSERT_FALSE(pages.empty());
+  // The largest has the page; another may wait to be used, and WebKit needs it.
+  const auto resident = [](pid_t process) {
+    std::size_t all = 0;
+    std::size_t inMemory = 0;
+    std::ifstream("/proc/" + std::to_string(process) + "/statm") >> all >> inMemory;
+    return inMemory;
+  };
+  ::kill(*std::max_element(
+             pages.begin(), pages.end(),
+             [&resident](pid_t one, pid_t other) { return resident(one) < resident(other); }),
+         SIGKILL);
+  awaitText("The page crashed. Reload to try again.");
+  window().act(ATSPI_ROLE_PUSH_BUTTON, "Reload");
+  awaitCount("4");
+  EXPECT_EQ(close(), 0);
+}
+
+}  // namespace
+}  // namespace tamsel
