@@ -1,7 +1,11 @@
 #include "bench/Table.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <exception>
+#include <fstream>
 #include <optional>
 
 namespace tamsel::bench {
@@ -68,11 +72,36 @@ void Table::Finalize() {
   }
 }
 
+benchmark::internal::Benchmark* registerOnce(const char* name, void (*function)(benchmark::State&),
+                                             int repetitions) {
+  return benchmark::RegisterBenchmark(name, function)
+      ->Unit(benchmark::kMillisecond)
+      ->Repetitions(repetitions)
+      ->ReportAggregatesOnly()
+      ->Iterations(1);
+}
+
 int run(int argc, char** argv, Table table) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   benchmark::RunSpecifiedBenchmarks(&table);
   return 0;
+}
+
+int mainOf(const char* program, const std::function<int()>& body) {
+  try {
+    return body();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s: %s\n", program, error.what());
+    return 2;
+  }
+}
+
+double residentMegabytes() {
+  std::size_t pages = 0;
+  std::size_t resident = 0;
+  std::ifstream("/proc/self/statm") >> pages >> resident;
+  return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1e6;
 }
 
 }  // namespace tamsel::bench

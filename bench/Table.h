@@ -2,6 +2,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,8 +36,18 @@ class Table : public benchmark::BenchmarkReporter {
   std::vector<Run> medians_;
 };
 
+/// Registers a benchmark that is its own loop: it runs so many times, and each time measures once.
+benchmark::internal::Benchmark* registerOnce(const char* name, void (*function)(benchmark::State&),
+                                             int repetitions);
+
 /// Runs the registered benchmarks as the command line says and prints the table. Returns the exit
 /// code: 2 when there is an argument that nobody knows.
 int run(int argc, char** argv, Table table);
+
+/// Calls what a program does and returns its exit code; 2 if it throws, having said what.
+int mainOf(const char* program, const std::function<int()>& body);
+
+/// What of this process is in memory, in millions of bytes.
+double residentMegabytes();
 
 }  // namespace tamsel::bench

@@ -2,14 +2,16 @@
 // (paths with ":" between them), of which the first is used; without it a made-up list serves.
 
 #include <benchmark/benchmark.h>
-#include <unistd.h>
+#include <libsoup/soup.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "bench/ListFiles.h"
 #include "bench/Table.h"
@@ -151,13 +153,6 @@ void rebuildChanged(benchmark::State& state) {
   checkCompiled(state);
 }
 
-double residentMegabytes() {
-  std::size_t pages = 0;
-  std::size_t resident = 0;
-  std::ifstream("/proc/self/statm") >> pages >> resident;
-  return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1e6;
-}
-
 // What ten rebuilds leave behind that two do not.
 void memoryOfRebuilds(benchmark::State& state) {
   Application& running = application();
@@ -184,18 +179,82 @@ void save(benchmark::State& state) {
   for (auto step : state) running.app.save();
 }
 
+// Serves one text to whoever asks, from a thread of its own.
+class TextServer {
+ public:
+  explicit TextServer(std::string text) : text_(std::move(text)) {
+    std::promise<std::string> started;
+    thread_ = std::thread([this, &started] { serve(started); });
+    url = started.get_future().get();
+  }
+  ~TextServer() {
+    g_main_loop_quit(loop_);
+    thread_.join();
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+  TextServer(const TextServer&) = delete;
+  TextServer& operator=(const TextServer&) = delete;
+
+  std::string url;
+
+ private:
+  void serve(std::promise<std::string>& started) {
+    g_main_context_push_thread_default(context_);
+    SoupServer* server = soup_server_new(nullptr, nullptr);
+    const auto answer = [](SoupServer*, SoupServerMessage* message, const char*, GHashTable*,
+                           gpointer data) {
+      const std::string& text = static_cast<TextServer*>(data)->text_;
+      soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
+      soup_server_message_set_response(message, "text/plain", SOUP_MEMORY_STATIC, text.data(),
+                                       text.size());
+    };
+    soup_server_add_handler(server, nullptr, answer, this, nullptr);
+    soup_server_listen_local(server, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr);
+    GSList* uris = soup_server_get_uris(server);
+    char* uri = g_uri_to_string(static_cast<GUri*>(uris->data));
+    started.set_value(uri);
+    g_free(uri);
+    g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
+    g_main_loop_run(loop_);
+    g_object_unref(server);
+    g_main_context_pop_thread_default(context_);
+  }
+
+  std::string text_;
+  GMainContext* context_ = g_main_context_new();
+  GMainLoop* loop_ = g_main_loop_new(context_, FALSE);
+  std::thread thread_;
+};
+
+// From the request for the list to its rules being active.
+void addByAddress(benchmark::State& state) {
+  static Application& running = *new Application(ListFiles::get().scratch() / "Adding");
+  static const TextServer& server = *new TextServer(Files::read(ListFiles::get().paths()[0]));
+  for (auto step : state) {
+    running.store.time = 0;
+    const auto start = Clock::now();
+    Task<std::optional<std::string>> adding = running.app.addListFromAddress("", server.url);
+    while (!adding.isDone()) g_main_context_iteration(nullptr, TRUE);
+    const double downloaded = millisecondsSince(start);
+    running.settle();
+    const double all = millisecondsSince(start);
+    if (const auto error = adding.await_resume()) state.SkipWithError(error->c_str());
+    state.SetIterationTime((all - running.store.time) / 1e3);
+    state.counters["downloaded"] = downloaded;
+    state.counters["all"] = all;
+  }
+  running.app.remove(running.app.lists->back().id);
+  running.settle();
+}
+
 int runAll(int argc, char** argv) {
-  const auto some = [](benchmark::internal::Benchmark* benchmark) {
-    return benchmark->Unit(benchmark::kMillisecond)
-        ->Repetitions(9)
-        ->ReportAggregatesOnly()
-        ->Iterations(1);
-  };
-  some(benchmark::RegisterBenchmark("rebuildUnchanged", rebuildUnchanged))->UseManualTime();
-  some(benchmark::RegisterBenchmark("rebuildAfterStart", rebuildAfterStart))->UseManualTime();
-  some(benchmark::RegisterBenchmark("memoryOfRebuilds", memoryOfRebuilds))->Repetitions(3);
-  some(benchmark::RegisterBenchmark("rebuildChanged", rebuildChanged))->UseManualTime();
-  some(benchmark::RegisterBenchmark("save", save));
+  registerOnce("rebuildUnchanged", rebuildUnchanged, 9)->UseManualTime();
+  registerOnce("rebuildAfterStart", rebuildAfterStart, 9)->UseManualTime();
+  registerOnce("memoryOfRebuilds", memoryOfRebuilds, 3);
+  registerOnce("rebuildChanged", rebuildChanged, 9)->UseManualTime();
+  registerOnce("save", save, 9);
+  registerOnce("addByAddress", addByAddress, 5)->UseManualTime();
 
   Table table({{"Rebuild: main loop held, computed", "rebuildChanged", "computed", 8, "ms"},
                {"Rebuild: longest stall of the main loop", "rebuildChanged", "stall", 8, "ms"},
@@ -207,7 +266,10 @@ int runAll(int argc, char** argv) {
                {"for comparison: with WebKit", "rebuildChanged", "all", 0, "ms"},
                {"Resident after ten rebuilds more, times", "memoryOfRebuilds", "factor", 1.05, ""},
                {"for comparison: resident", "memoryOfRebuilds", "resident", 0, "MB"},
-               {"save() with three lists of 2 MB", "save", "", 60, "ms"}},
+               {"save() with three lists of 2 MB", "save", "", 60, "ms"},
+               {"A list added by address, without WebKit", "addByAddress", "", 600, "ms"},
+               {"  of which the download", "addByAddress", "downloaded", 0, "ms"},
+               {"for comparison: with WebKit", "addByAddress", "all", 0, "ms"}},
               "", std::getenv("TAMSEL_LISTS") != nullptr);
   return run(argc, argv, std::move(table));
 }
@@ -216,13 +278,10 @@ int runAll(int argc, char** argv) {
 }  // namespace tamsel::bench
 
 int main(int argc, char** argv) {
-  try {
+  return tamsel::bench::mainOf("tamsel_app_bench", [&] {
     if (argc == 3 && std::string(argv[1]) == "--start") {
       return tamsel::bench::rebuildAtStart(argv[2]);
     }
     return tamsel::bench::runAll(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "tamsel_app_bench: %s\n", error.what());
-    return 2;
-  }
+  });
 }

@@ -289,10 +289,5 @@ int runAll(int argc, char** argv) {
 }  // namespace tamsel::bench
 
 int main(int argc, char** argv) {
-  try {
-    return tamsel::bench::runAll(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "tamsel_bench: %s\n", error.what());
-    return 2;
-  }
+  return tamsel::bench::mainOf("tamsel_bench", [&] { return tamsel::bench::runAll(argc, argv); });
 }

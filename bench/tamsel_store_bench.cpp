@@ -242,18 +242,11 @@ void checkRefused(benchmark::State& state) {
 }
 
 int runAll(int argc, char** argv) {
-  const auto few = [](benchmark::internal::Benchmark* benchmark) {
-    benchmark->Unit(benchmark::kMillisecond)
-        ->Repetitions(5)
-        ->ReportAggregatesOnly()
-        ->Iterations(1)
-        ->UseManualTime();
-  };
-  few(benchmark::RegisterBenchmark("compileThroughStore", compileThroughStore));
-  few(benchmark::RegisterBenchmark("loadInSecondProcess", loadInSecondProcess));
-  few(benchmark::RegisterBenchmark("longestStall", longestStall));
-  few(benchmark::RegisterBenchmark("stallBesideBusyProcesses", stallBesideBusyProcesses));
-  few(benchmark::RegisterBenchmark("checkRefused", checkRefused));
+  registerOnce("compileThroughStore", compileThroughStore, 5)->UseManualTime();
+  registerOnce("loadInSecondProcess", loadInSecondProcess, 5)->UseManualTime();
+  registerOnce("longestStall", longestStall, 5)->UseManualTime();
+  registerOnce("stallBesideBusyProcesses", stallBesideBusyProcesses, 5)->UseManualTime();
+  registerOnce("checkRefused", checkRefused, 5)->UseManualTime();
   // WebKit's work files belong on the file system of its store.
   ::setenv("TMPDIR", ListFiles::get().scratch().c_str(), 1);
 
@@ -275,13 +268,10 @@ int runAll(int argc, char** argv) {
 }  // namespace tamsel::bench
 
 int main(int argc, char** argv) {
-  try {
+  return tamsel::bench::mainOf("tamsel_store_bench", [&] {
     if (argc == 4 && std::string(argv[1]) == "--again") {
       return tamsel::bench::loadAgain(argv[2], argv[3]);
     }
     return tamsel::bench::runAll(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "tamsel_store_bench: %s\n", error.what());
-    return 2;
-  }
+  });
 }

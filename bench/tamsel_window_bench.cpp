@@ -5,14 +5,15 @@
 #include <adwaita.h>
 #include <benchmark/benchmark.h>
 #include <glibmm/main.h>
+#include <gtkmm/entry.h>
 #include <gtkmm/textview.h>
 #include <gtkmm/window.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -36,13 +37,6 @@ void runUntil(const std::function<bool()>& isSo) {
 
 double monotonicMilliseconds() {
   return std::chrono::duration<double, std::milli>(Clock::now().time_since_epoch()).count();
-}
-
-double residentMegabytes() {
-  std::size_t pages = 0;
-  std::size_t resident = 0;
-  std::ifstream("/proc/self/statm") >> pages >> resident;
-  return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1e6;
 }
 
 FilterList starterList() {
@@ -78,7 +72,8 @@ struct Program {
   Glib::RefPtr<TamselApp> program;
 };
 
-// Prints when the first window was painted and when the rules were there, and ends.
+// Prints when the first window was painted, when the rules were there, and what the program takes
+// of the memory when its first page is there too; and ends.
 int printMilestones() {
   const auto program = TamselApp::create();
   double painted = 0;
@@ -95,7 +90,10 @@ int printMilestones() {
   program->activate();
   const AppState& app = *program->app();
   runUntil([&] { return painted > 0 && !*app.isCompiling; });
-  std::printf("%f %f\n", painted, monotonicMilliseconds());
+  const double compiled = monotonicMilliseconds();
+  const auto& browser = dynamic_cast<const BrowserModel&>(app.browser());
+  runUntil([&browser] { return !*browser.isLoading && *browser.blockedCount > 0; });
+  std::printf("%f %f %f\n", painted, compiled, residentMegabytes());
   std::fflush(stdout);
   // Without the ceremony of an end.
   std::_Exit(app.statusMessage->starts_with("Compiled") ? EXIT_SUCCESS : EXIT_FAILURE);
@@ -103,6 +101,7 @@ int printMilestones() {
 
 struct Milestones {
   double painted, rules;  // in ms since the start of the process
+  double resident;        // in MB
 };
 
 Milestones start(benchmark::State& state, const fs::path& data) {
@@ -112,10 +111,10 @@ Milestones start(benchmark::State& state, const fs::path& data) {
   Milestones milestones{};
   const double started = monotonicMilliseconds();
   std::FILE* output = ::popen(command.c_str(), "r");
-  const bool read = output != nullptr &&
-                    std::fscanf(output, "%lf %lf", &milestones.painted, &milestones.rules) == 2;
+  const bool read = output != nullptr && std::fscanf(output, "%lf %lf %lf", &milestones.painted,
+                                                     &milestones.rules, &milestones.resident) == 3;
   if (output == nullptr || ::pclose(output) != 0 || !read) state.SkipWithError("it failed");
-  return {milestones.painted - started, milestones.rules - started};
+  return {milestones.painted - started, milestones.rules - started, milestones.resident};
 }
 
 void measureStart(benchmark::State& state, const fs::path& data) {
@@ -124,6 +123,7 @@ void measureStart(benchmark::State& state, const fs::path& data) {
     const Milestones milestones = start(state, data);
     state.SetIterationTime(milestones.painted / 1e3);
     state.counters["rules"] = milestones.rules;
+    state.counters["resident"] = milestones.resident;
   }
 }
 
@@ -136,11 +136,13 @@ void startWithLongList(benchmark::State& state) {
   measureStart(state, home("long", {{starterList(), {.name = "list", .text = text}}, "", {}}));
 }
 
-Gtk::TextView* findEditor(Gtk::Widget& widget) {
-  if (auto* editor = dynamic_cast<Gtk::TextView*>(&widget)) return editor;
+template <typename Kind>
+Kind* findShown(Gtk::Widget& widget) {
+  if (!widget.get_mapped()) return nullptr;
+  if (auto* found = dynamic_cast<Kind*>(&widget)) return found;
   for (Gtk::Widget* child = widget.get_first_child(); child != nullptr;
        child = child->get_next_sibling()) {
-    if (Gtk::TextView* editor = findEditor(*child)) return editor;
+    if (Kind* found = findShown<Kind>(*child)) return found;
   }
   return nullptr;
 }
@@ -155,7 +157,7 @@ void showTab(Gtk::Widget& widget, const char* name) {
   }
 }
 
-// With 5,000 lines that were skipped, and as many custom rules.
+// With the long list, 5,000 lines more that were skipped, and as many custom rules.
 const Program& program() {
   static const Program* const program = [] {
     std::string skipped, rules;
@@ -163,25 +165,40 @@ const Program& program() {
       skipped += "example.com##+js(set, a" + std::to_string(i) + ", 1)\n";
       rules += "||ads" + std::to_string(i) + ".example^\n";
     }
-    const FilterList list{.name = "list", .text = Text(skipped)};
-    return new Program(home("running", {{starterList(), list}, rules, {}}));
+    const FilterList list{.name = "skipped", .text = Text(skipped)};
+    const FilterList longList{.name = "list", .text = Files::read(ListFiles::get().paths()[0])};
+    return new Program(home("running", {{starterList(), list, longList}, rules, {}}));
   }();
   return *program;
+}
+
+void settle(int milliseconds) {
+  bool isOver = false;
+  Glib::signal_timeout().connect_once([&isOver] { isOver = true; },
+                                      static_cast<unsigned>(milliseconds));
+  runUntil([&isOver] { return isOver; });
+}
+
+// How long it takes from an action until the window has painted what it changed, in ms.
+double timeToPaint(Gtk::Window& window, const std::function<void()>& action) {
+  bool isPainted = false;
+  GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window.gobj()));
+  const auto onPaint = [](GdkFrameClock*, bool* flag) { *flag = true; };
+  const gulong handler = g_signal_connect(clock, "after-paint", G_CALLBACK(+onPaint), &isPainted);
+  const auto start = Clock::now();
+  action();
+  runUntil([&isPainted] { return isPainted; });
+  g_signal_handler_disconnect(clock, handler);
+  return millisecondsSince(start);
 }
 
 void typing(benchmark::State& state) {
   if (program().app().skipped->size() < 5000) return state.SkipWithError("too few lines skipped");
   Gtk::Window& window = *program().program->get_active_window();
   showTab(window, "Custom Rules");
-  Gtk::TextView& editor = *findEditor(window);
-  editor.grab_focus();
-  const auto settle = [](int milliseconds) {
-    bool isOver = false;
-    Glib::signal_timeout().connect_once([&isOver] { isOver = true; },
-                                        static_cast<unsigned>(milliseconds));
-    runUntil([&isOver] { return isOver; });
-  };
   settle(500);
+  Gtk::TextView& editor = *findShown<Gtk::TextView>(window);
+  editor.grab_focus();
   const auto buffer = editor.get_buffer();
   buffer->place_cursor(buffer->get_iter_at_line(2500));
   for (auto step : state) {
@@ -193,6 +210,51 @@ void typing(benchmark::State& state) {
     }
     state.counters["stall"] = ticker.longest();
     state.counters["computed"] = ticker.mostComputed();
+  }
+}
+
+// In the filter over the skipped lines, key by key, and then back.
+void filtering(benchmark::State& state) {
+  Gtk::Window& window = *program().program->get_active_window();
+  showTab(window, "Rules");
+  settle(500);
+  Gtk::Entry& search = *findShown<Gtk::Entry>(window);
+  for (auto step : state) {
+    double sum = 0;
+    double longest = 0;
+    int keys = 0;
+    const std::string word = "set, a4321";
+    for (std::size_t i = 0; i < 2 * word.size(); ++i) {
+      const double time = timeToPaint(window, [&] {
+        if (i < word.size()) {
+          int position = -1;
+          search.insert_text(word.substr(i, 1), 1, position);
+        } else {
+          search.delete_text(static_cast<int>(2 * word.size() - i) - 1, -1);
+        }
+      });
+      sum += time;
+      longest = std::max(longest, time);
+      ++keys;
+      settle(50);
+    }
+    state.SetIterationTime(sum / keys / 1e3);
+    state.counters["longest"] = longest;
+  }
+}
+
+void switchingTabs(benchmark::State& state) {
+  Gtk::Window& window = *program().program->get_active_window();
+  for (auto step : state) {
+    double longest = 0;
+    for (const char* tab : {"Browser", "Lists", "Rules", "URL Tester", "Custom Rules"}) {
+      longest = std::max(longest, timeToPaint(window, [&] { showTab(window, tab); }));
+      settle(200);
+    }
+    // The first time makes the rows.
+    static const double first = longest;
+    state.counters["first"] = first;
+    state.SetIterationTime(longest / 1e3);
   }
 }
 
@@ -218,25 +280,22 @@ void reports(benchmark::State& state) {
 }
 
 int runAll(int argc, char** argv) {
-  const auto some = [](benchmark::internal::Benchmark* benchmark) {
-    return benchmark->Unit(benchmark::kMillisecond)
-        ->Repetitions(9)
-        ->ReportAggregatesOnly()
-        ->Iterations(1)
-        ->UseManualTime();
-  };
-  some(benchmark::RegisterBenchmark("startWithStarterList", startWithStarterList));
-  some(benchmark::RegisterBenchmark("startWithLongList", startWithLongList));
-  benchmark::RegisterBenchmark("typing", typing)
-      ->Repetitions(5)
-      ->ReportAggregatesOnly()
-      ->Iterations(1);
-  some(benchmark::RegisterBenchmark("reports", reports))->Repetitions(5);
+  registerOnce("startWithStarterList", startWithStarterList, 9)->UseManualTime();
+  registerOnce("startWithLongList", startWithLongList, 9)->UseManualTime();
+  registerOnce("switchingTabs", switchingTabs, 5)->UseManualTime();
+  registerOnce("typing", typing, 5);
+  registerOnce("filtering", filtering, 5)->UseManualTime();
+  registerOnce("reports", reports, 5)->UseManualTime();
 
   Table table({{"Start to painted window, starter list", "startWithStarterList", "", 700, "ms"},
                {"  to rules active", "startWithStarterList", "rules", 0, "ms"},
                {"Start to painted window, long list", "startWithLongList", "", 0, "ms"},
                {"  to rules active", "startWithLongList", "rules", 1500, "ms"},
+               {"  resident", "startWithLongList", "resident", 350, "MB"},
+               {"Switching tabs: longest time to paint", "switchingTabs", "", 50, "ms"},
+               {"  the first time", "switchingTabs", "first", 50, "ms"},
+               {"A key in the filter: time to paint", "filtering", "", 16, "ms"},
+               {"  the longest", "filtering", "longest", 16, "ms"},
                {"Typing a rule: longest stall", "typing", "stall", 8, "ms"},
                {"  of which computed", "typing", "computed", 8, "ms"},
                {"100,000 reports: longest stall", "reports", "stall", 16, "ms"},
@@ -251,11 +310,8 @@ int runAll(int argc, char** argv) {
 }  // namespace tamsel::bench
 
 int main(int argc, char** argv) {
-  try {
+  return tamsel::bench::mainOf("tamsel_window_bench", [&] {
     if (argc == 2 && std::string(argv[1]) == "--start") return tamsel::bench::printMilestones();
     return tamsel::bench::runAll(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "tamsel_window_bench: %s\n", error.what());
-    return 2;
-  }
+  });
 }

@@ -12,6 +12,7 @@
 namespace tamsel {
 namespace {
 
+constexpr const char* title = "Tamsel";
 constexpr int padding = 8;
 
 void addTab(AdwViewStack* tabs, Gtk::Widget& view, const char* name, std::string_view symbol) {
@@ -42,9 +43,9 @@ ContentView::ContentView(AppState& app, BrowserModel& browser)
   hideOthers(tabs);
   g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(hideOthers), nullptr);
 
-  auto* switcher = ADW_VIEW_SWITCHER(adw_view_switcher_new());
-  adw_view_switcher_set_policy(switcher, ADW_VIEW_SWITCHER_POLICY_WIDE);
-  adw_view_switcher_set_stack(switcher, tabs);
+  auto* switcher = ADW_VIEW_SWITCHER_TITLE(adw_view_switcher_title_new());
+  adw_view_switcher_title_set_title(switcher, title);
+  adw_view_switcher_title_set_stack(switcher, tabs);
   auto* header = ADW_HEADER_BAR(adw_header_bar_new());
   adw_header_bar_set_title_widget(header, GTK_WIDGET(switcher));
   adw_header_bar_set_centering_policy(header, ADW_CENTERING_POLICY_STRICT);
@@ -54,6 +55,14 @@ ContentView::ContentView(AppState& app, BrowserModel& browser)
   content->set_margin(padding);
   content->set_vexpand();
   append(*content);
+
+  // Where the text is too large for the tabs' names above, they are below.
+  auto* bar = ADW_VIEW_SWITCHER_BAR(adw_view_switcher_bar_new());
+  adw_view_switcher_bar_set_stack(bar, tabs);
+  for (const char* property : {"reveal", "visible"}) {
+    g_object_bind_property(switcher, "title-visible", bar, property, G_BINDING_SYNC_CREATE);
+  }
+  append(*Glib::wrap(GTK_WIDGET(bar)));
 }
 
 }  // namespace tamsel

@@ -53,7 +53,8 @@ class Rows {
   // The toolkit's widget around a row, or around all cells of one, has the focus.
   static void nameLine(Gtk::Widget& row, Gtk::Widget& label) {
     Gtk::Widget* line = row.get_parent();
-    while (line != nullptr && line->get_css_name() != "row") line = line->get_parent();
+    const auto isLine = [](const Glib::ustring& node) { return node == "row" || node == "child"; };
+    while (line != nullptr && !isLine(line->get_css_name())) line = line->get_parent();
     if (line != nullptr) setLabel(*line, label);
   }
 

@@ -5,6 +5,7 @@
 #include <gtkmm/columnview.h>
 #include <gtkmm/dropdown.h>
 #include <gtkmm/entry.h>
+#include <gtkmm/inscription.h>
 #include <gtkmm/label.h>
 #include <gtkmm/stringlist.h>
 
@@ -30,7 +31,7 @@ class SkippedRow : public Gtk::Box {
 
  private:
   Gtk::Label* line_;
-  Gtk::Label* reason_;
+  Gtk::Inscription reason_;
 };
 
 /// The tab with what the last rebuild produced.
@@ -82,6 +83,7 @@ class RulesView : public Gtk::Box {
   Glib::RefPtr<RowModel> skipped_ = RowModel::create();
   Rows<SkippedRow> skippedRows_;
   Redraw redraw_{*this, [this] { draw(); }};
+  Redraw redrawSkipped_{*this, [this] { drawSkipped(); }};
 };
 
 }  // namespace tamsel

@@ -28,7 +28,7 @@ packages_for() {
     build)
       echo g++ cmake ninja-build pkg-config libicu-dev libxxhash-dev libsimdjson-dev \
         nlohmann-json3-dev libcli11-dev libwebkitgtk-6.0-dev \
-        libsoup-3.0-dev libsigc++-3.0-dev libgtkmm-4.0-dev libadwaita-1-dev libglib2.0-dev-bin \
+        libsoup-3.0-dev libsigc++-3.0-dev libgtkmm-4.0-dev libadwaita-1-dev libepoxy-dev libglib2.0-dev-bin \
         libatspi2.0-dev libx11-dev libxtst-dev libgtest-dev libgmock-dev
       ;;
     # What the window and the web view need to run, and a place to show them on any machine.

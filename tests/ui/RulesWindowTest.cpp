@@ -57,7 +57,7 @@ class RulesWindowTest : public test::WindowTest {
     await(title, [&] { return window().find(ATSPI_ROLE_LABEL, title) != nullptr; });
   }
   std::vector<std::string> skipped() {
-    return window().within(ATSPI_ROLE_LIST, "Skipped lines").labels();
+    return window().within(ATSPI_ROLE_TABLE, "Skipped lines").labels();
   }
   // By its place among the choices.
   void pick(int choice) {
