@@ -38,7 +38,8 @@ packages_for() {
       ;;
     bench) echo libbenchmark-dev ;;
     fuzz) echo clang llvm ;;
-    packaging) echo debhelper dpkg-dev desktop-file-utils appstream ;;
+    desktop) echo desktop-file-utils appstream ;;
+    packaging) echo debhelper dpkg-dev ;;
     # A Debian system of its own.
     root) echo debootstrap ;;
     checks) echo clang-format clang-tidy shellcheck ;;
