@@ -3,8 +3,21 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 namespace tamsel::test {
+namespace {
+
+// Of the process, once it has ended; -1 if it did not exit by itself.
+int exitCode(GSubprocess* process) {
+  g_subprocess_wait(process, nullptr, nullptr);
+  const bool hasExited = g_subprocess_get_if_exited(process) != FALSE;
+  const int code = hasExited ? g_subprocess_get_exit_status(process) : -1;
+  g_object_unref(process);
+  return code;
+}
+
+}  // namespace
 WindowTest::~WindowTest() {
   if (process_ == nullptr) return;
   g_subprocess_force_exit(process_);
@@ -37,20 +50,11 @@ void WindowTest::start() {
 int WindowTest::close() {
   window_->act(ATSPI_ROLE_FRAME, "Tamsel", "window.close");
   window_.reset();
-  g_subprocess_wait(process_, nullptr, nullptr);
-  const int code =
-      g_subprocess_get_if_exited(process_) != FALSE ? g_subprocess_get_exit_status(process_) : -1;
-  g_clear_object(&process_);
-  return code;
+  return exitCode(std::exchange(process_, nullptr));
 }
 
 int WindowTest::startAgain() {
-  GSubprocess* second = launch();
-  g_subprocess_wait(second, nullptr, nullptr);
-  const int code =
-      g_subprocess_get_if_exited(second) != FALSE ? g_subprocess_get_exit_status(second) : -1;
-  g_object_unref(second);
-  return code;
+  return exitCode(launch());
 }
 
 void WindowTest::showTab(const std::string& name) {
