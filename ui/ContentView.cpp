@@ -20,13 +20,22 @@ void addTab(AdwViewStack* tabs, Gtk::Widget& view, const char* name, std::string
   adw_view_stack_page_set_icon_name(page, Symbols::icon(symbol).c_str());
 }
 
-// Tabs that are not shown stay where they are, which those who cannot see must not notice.
-void hideOthers(AdwViewStack* tabs) {
-  GtkWidget* shown = adw_view_stack_get_visible_child(tabs);
-  for (GtkWidget* tab = gtk_widget_get_first_child(GTK_WIDGET(tabs)); tab != nullptr;
-       tab = gtk_widget_get_next_sibling(tab)) {
-    gtk_accessible_update_state(GTK_ACCESSIBLE(tab), GTK_ACCESSIBLE_STATE_HIDDEN, tab != shown, -1);
+// What is not shown stays where it is, which those who cannot see must not notice.
+void hideAllBut(GtkWidget* shown, gpointer container) {
+  for (GtkWidget* child = gtk_widget_get_first_child(GTK_WIDGET(container)); child != nullptr;
+       child = gtk_widget_get_next_sibling(child)) {
+    gtk_accessible_update_state(GTK_ACCESSIBLE(child), GTK_ACCESSIBLE_STATE_HIDDEN, child != shown,
+                                -1);
   }
+}
+
+void onTab(AdwViewStack* tabs) {
+  hideAllBut(adw_view_stack_get_visible_child(tabs), tabs);
+}
+
+// The tabs' names in the width that there is room for.
+void onRoom(AdwSqueezer* names) {
+  hideAllBut(adw_squeezer_get_visible_child(names), names);
 }
 
 }  // namespace
@@ -40,12 +49,15 @@ ContentView::ContentView(AppState& app, BrowserModel& browser)
   addTab(tabs, *Gtk::make_managed<TesterView>(app), "URL Tester", "magnifyingglass");
   addTab(tabs, *Gtk::make_managed<CustomRulesView>(app), "Custom Rules",
          "pencil.and.list.clipboard");
-  hideOthers(tabs);
-  g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(hideOthers), nullptr);
+  onTab(tabs);
+  g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(onTab), nullptr);
 
   auto* switcher = ADW_VIEW_SWITCHER_TITLE(adw_view_switcher_title_new());
   adw_view_switcher_title_set_title(switcher, title);
   adw_view_switcher_title_set_stack(switcher, tabs);
+  auto* names = ADW_SQUEEZER(gtk_widget_get_first_child(GTK_WIDGET(switcher)));
+  onRoom(names);
+  g_signal_connect(names, "notify::visible-child", G_CALLBACK(onRoom), nullptr);
   auto* header = ADW_HEADER_BAR(adw_header_bar_new());
   adw_header_bar_set_title_widget(header, GTK_WIDGET(switcher));
   adw_header_bar_set_centering_policy(header, ADW_CENTERING_POLICY_STRICT);

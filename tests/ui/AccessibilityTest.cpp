@@ -68,6 +68,18 @@ TEST_F(AccessibilityTest, TheFocusFollowsReadingOrder) {
                           "Browser", "Lists", "Rules", "URL Tester"));
 }
 
+// Not those of other sizes of the window, too.
+TEST_F(AccessibilityTest, EveryTabIsThereOnce) {
+  for (const char* tab : {"Browser", "Lists", "Rules", "URL Tester", "Custom Rules"}) {
+    int count = 0;
+    (void)window().find(ATSPI_ROLE_PAGE_TAB, [&count, tab](const std::string& name) {
+      if (name == tab) ++count;
+      return false;
+    });
+    EXPECT_EQ(count, 1) << tab;
+  }
+}
+
 // One program, one window.
 TEST_F(AccessibilityTest, ASecondStartShowsTheFirst) {
   EXPECT_EQ(startAgain(), 0);
