@@ -21,21 +21,21 @@ void addTab(AdwViewStack* tabs, Gtk::Widget& view, const char* name, std::string
 }
 
 // What is not shown stays where it is, which those who cannot see must not notice.
-void hideAllBut(GtkWidget* shown, gpointer container) {
-  for (GtkWidget* child = gtk_widget_get_first_child(GTK_WIDGET(container)); child != nullptr;
+void hideAllBut(GtkWidget* shown, GtkWidget* container) {
+  for (GtkWidget* child = gtk_widget_get_first_child(container); child != nullptr;
        child = gtk_widget_get_next_sibling(child)) {
     gtk_accessible_update_state(GTK_ACCESSIBLE(child), GTK_ACCESSIBLE_STATE_HIDDEN, child != shown,
                                 -1);
   }
 }
 
-void onTab(AdwViewStack* tabs) {
-  hideAllBut(adw_view_stack_get_visible_child(tabs), tabs);
+void hideOtherTabs(AdwViewStack* tabs) {
+  hideAllBut(adw_view_stack_get_visible_child(tabs), GTK_WIDGET(tabs));
 }
 
-// The tabs' names in the width that there is room for.
-void onRoom(AdwSqueezer* names) {
-  hideAllBut(adw_squeezer_get_visible_child(names), names);
+// The tabs' names are there in several widths, of which the one that fits is shown.
+void hideOtherWidths(AdwSqueezer* names) {
+  hideAllBut(adw_squeezer_get_visible_child(names), GTK_WIDGET(names));
 }
 
 }  // namespace
@@ -49,15 +49,15 @@ ContentView::ContentView(AppState& app, BrowserModel& browser)
   addTab(tabs, *Gtk::make_managed<TesterView>(app), "URL Tester", "magnifyingglass");
   addTab(tabs, *Gtk::make_managed<CustomRulesView>(app), "Custom Rules",
          "pencil.and.list.clipboard");
-  onTab(tabs);
-  g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(onTab), nullptr);
+  hideOtherTabs(tabs);
+  g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(hideOtherTabs), nullptr);
 
   auto* switcher = ADW_VIEW_SWITCHER_TITLE(adw_view_switcher_title_new());
   adw_view_switcher_title_set_title(switcher, title);
   adw_view_switcher_title_set_stack(switcher, tabs);
   auto* names = ADW_SQUEEZER(gtk_widget_get_first_child(GTK_WIDGET(switcher)));
-  onRoom(names);
-  g_signal_connect(names, "notify::visible-child", G_CALLBACK(onRoom), nullptr);
+  hideOtherWidths(names);
+  g_signal_connect(names, "notify::visible-child", G_CALLBACK(hideOtherWidths), nullptr);
   auto* header = ADW_HEADER_BAR(adw_header_bar_new());
   adw_header_bar_set_title_widget(header, GTK_WIDGET(switcher));
   adw_header_bar_set_centering_policy(header, ADW_CENTERING_POLICY_STRICT);
