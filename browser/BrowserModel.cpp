@@ -37,9 +37,9 @@ std::string resolved(const std::string& text) {
   return isAddress ? "https://" + text : searchFor(text);
 }
 
-// What WebKit's rules look at: all but the fragment.
-std::string_view requested(std::string_view url) {
-  return url.substr(0, url.find('#'));
+// What is requested: all but the fragment.
+void cutFragment(std::string& url) {
+  url.resize(std::min(url.find('#'), url.size()));
 }
 
 std::string shortened(std::string text) {
@@ -50,7 +50,8 @@ std::string shortened(std::string text) {
 }  // namespace
 
 BrowserModel::BrowserModel(std::unique_ptr<WebView> view) : webView(std::move(view)) {
-  webView->addScript(std::string(Reporting::script));
+  webView->addScript(std::string(Reporting::script), WebView::World::own);
+  webView->addScript(std::string(Reporting::pageScript), WebView::World::page);
   webView->addMessageHandler(Reporting::messageName);
   webView->setDelegate(this);
 }
@@ -96,14 +97,49 @@ void BrowserModel::willNavigate(const std::string& url) {
   installRuleList();
 }
 
+void BrowserModel::Requests::add(const WebView::Blocked& blocked) {
+  for (std::size_t i = 0; i < blocked.keys.size(); ++i) {
+    if (!seen.insert(blocked.keys[i])) continue;
+    ++count;
+    if (i < blocked.urls.size() && urls.size() < keptURLs) urls.push_back(shortened(blocked.urls[i]));
+  }
+}
+
+// What is shown of them. The URLs only become more.
+void BrowserModel::showRequests() {
+  if (*blockedCount != requests_.count) blockedCount = requests_.count;
+  if (blockedURLs->size() != requests_.urls.size()) blockedURLs = requests_.urls;
+}
+
 void BrowserModel::didStart() {
+  if (!requestsBefore_) requestsBefore_ = std::move(requests_);
+  requests_ = {};
   blockedCount = 0;
   blockedURLs = {};
-  seen_.clear();
   reports_.clear();
   ++page_;
   status = "";
   syncState();
+}
+
+void BrowserModel::didCommit() {
+  requestsBefore_.reset();
+}
+
+void BrowserModel::didStay() {
+  if (!requestsBefore_) return;
+  requests_ = std::move(*requestsBefore_);
+  requestsBefore_.reset();
+  showRequests();
+}
+
+void BrowserModel::didBlock(const WebView::Blocked& requests) {
+  if (requestsBefore_) {
+    requestsBefore_->add(requests);
+  } else {
+    requests_.add(requests);
+    showRequests();
+  }
 }
 
 void BrowserModel::syncState() {
@@ -122,10 +158,17 @@ void BrowserModel::didFail(const WebView::Failure& failure) {
   syncState();
   if (failure.isCancelled) return;
   status = failure.message;
-  if (failure.url) report(*failure.url, "document");
+  if (!failure.url) return;
+  if (!webView->tellsWhatIsBlocked()) {
+    report(*failure.url, "document");
+  } else if (failure.blockedKey) {
+    didBlock({.keys = {*failure.blockedKey}, .urls = {*failure.url}});
+  }
 }
 
 void BrowserModel::didReceive(const WebView::Message& message) {
+  // What pages report may have failed for other reasons, and they know only a part.
+  if (webView->tellsWhatIsBlocked()) return;
   std::optional<std::string> url = message.text("url");
   const std::optional<std::string> type = message.text("type");
   if (url && type) report(std::move(*url), Reporting::resourceType(*type));
@@ -133,7 +176,8 @@ void BrowserModel::didReceive(const WebView::Message& message) {
 
 void BrowserModel::report(std::string url, std::string_view type) {
   if (app == nullptr || app->engine() == nullptr || app->isPaused(*currentHost)) return;
-  if (!seen_.insert(std::hash<std::string>()(url)).second) return;
+  cutFragment(url);
+  if (!requests_.seen.insert(RequestKeys::keyOf(url, seed_))) return;
   // What an address holds itself is not requested, and WebKit's rules do not look at it.
   if (url.starts_with("data:")) return;
   reports_.push_back({app->engine(), std::move(url), webView->url(), type});
@@ -154,23 +198,21 @@ Task<void> BrowserModel::evaluateReports() {
       for (Report& report : some) {
         const std::optional<std::string_view> page =
             report.pageURL.empty() ? std::nullopt : std::optional<std::string_view>(report.pageURL);
-        const Engine::Verdict verdict =
-            report.engine->evaluate(requested(report.url), page, report.type);
-        if (verdict.block && !verdict.exception)
+        const Engine::Verdict verdict = report.engine->evaluate(report.url, page, report.type);
+        if (verdict.block && !verdict.exception) {
           blocked.push_back(shortened(std::move(report.url)));
+        }
       }
       return blocked;
     });
     const std::size_t page = page_;
-    std::vector<std::string> blocked = co_await evaluating;
+    const std::vector<std::string> blocked = co_await evaluating;
     if (blocked.empty() || page != page_) continue;
-    blockedCount = *blockedCount + blocked.size();
-    if (blockedURLs->size() == keptURLs) continue;
-    blockedURLs.modify([&blocked](std::vector<std::string>& urls) {
-      for (std::string& url : blocked) {
-        if (urls.size() < keptURLs) urls.push_back(std::move(url));
-      }
-    });
+    requests_.count += blocked.size();
+    const std::size_t kept = std::min(blocked.size(), keptURLs - requests_.urls.size());
+    requests_.urls.insert(requests_.urls.end(), blocked.begin(),
+                          blocked.begin() + static_cast<std::ptrdiff_t>(kept));
+    showRequests();
   }
   isEvaluating_ = false;
 }

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
-#include <set>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "engine/Engine.h"
 #include "platform/mainloop/Observable.h"
 #include "platform/mainloop/Task.h"
+#include "platform/webview/RequestKeys.h"
 #include "platform/webview/WebView.h"
 #include "state/Browser.h"
 
@@ -21,9 +23,9 @@ namespace tamsel {
 class BrowserModel : public Browser, private WebView::Delegate {
  public:
   /// The most blocked URLs that are kept of a page; more are counted.
-  static constexpr std::size_t keptURLs = 300;
+  static constexpr std::size_t keptURLs = WebView::Blocked::mostNamed;
   /// The most that is kept of one blocked URL, in bytes.
-  static constexpr std::size_t keptURLLength = 4096;
+  static constexpr std::size_t keptURLLength = WebView::Blocked::longestName;
 
   explicit BrowserModel(std::unique_ptr<WebView> view);
   ~BrowserModel() override;
@@ -43,7 +45,8 @@ class BrowserModel : public Browser, private WebView::Delegate {
   Observable<bool> isLoading{objectWillChange};
   Observable<bool> canGoBack{objectWillChange};
   Observable<bool> canGoForward{objectWillChange};
-  /// How many requests of this page were blocked.
+  /// How many addresses the page that is shown requested and was not given, because the rules block
+  /// them. While another page begins to load it is 0; if that one does not come, it is what it was.
   Observable<std::size_t> blockedCount{objectWillChange};
   /// The first of them, in the order counted. One that is longer than anybody can read is cut.
   Observable<std::vector<std::string>> blockedURLs{objectWillChange};
@@ -75,21 +78,37 @@ class BrowserModel : public Browser, private WebView::Delegate {
     std::string url, pageURL;
     std::string_view type;
   };
+  // What became of the requests of a page.
+  struct Requests {
+    // Those that were reported, blocked or not.
+    RequestKeys seen;
+    std::size_t count = 0;
+    std::vector<std::string> urls;
+
+    void add(const WebView::Blocked& blocked);
+  };
 
   void willNavigate(const std::string& url) override;
   void didStart() override;
+  void didCommit() override;
+  void didStay() override;
   void didChange() override { syncState(); }
   void didFail(const WebView::Failure& failure) override;
+  void didBlock(const WebView::Blocked& requests) override;
   void didReceive(const WebView::Message& message) override;
 
   void installRuleList();
   void syncState();
+  void showRequests();
   void report(std::string url, std::string_view type);
   Task<void> evaluateReports();
 
   std::shared_ptr<const RuleList> ruleList_;
-  // Of the URLs that were reported on this page, the hashes: they may be long, and many.
-  std::set<std::size_t> seen_;
+  // Of the page that is shown or, when another has begun to load, of that one.
+  Requests requests_;
+  // Of the page that is still shown then.
+  std::optional<Requests> requestsBefore_;
+  const std::uint64_t seed_ = RequestKeys::makeSeed();
   std::deque<Report> reports_;
   // How many pages have begun; a verdict on an earlier one is of no interest any more.
   std::size_t page_ = 0;

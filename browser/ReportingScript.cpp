@@ -5,29 +5,87 @@
 
 namespace tamsel::Reporting {
 
-// It takes what it needs at once, before a page can put something else in its place.
+// The two scripts meet before any of the page's runs, in whichever order WebKit starts them: one
+// asks, the other answers with the name of an event that nobody can guess. A page can neither
+// listen for it nor dispatch it.
 const std::string_view script = R"js((() => {
+  'use strict';
+  if (window.__tmInstalled) return;
+  window.__tmInstalled = true;
+
+  // In characters, in reports, and in milliseconds.
+  const longest = 8192, atOnce = 50, pause = 20;
+  const handler = window.webkit.messageHandlers.tmBlocked;
+  const reported = new Set();
+  const waiting = [];
+  let posted = 0, timer = 0;
+
+  const post = () => {
+    while (waiting.length > 0 && posted < atOnce) {
+      ++posted;
+      handler.postMessage(waiting.shift());
+    }
+    timer ||= setTimeout(() => {
+      timer = posted = 0;
+      if (waiting.length > 0) post();
+    }, pause);
+  };
+  const report = (url, type) => {
+    const message = { url: url.slice(0, longest), type: type.slice(0, longest) };
+    const known = message.type + ' ' + message.url;
+    if (reported.has(known)) return;
+    reported.add(known);
+    waiting.push(message);
+    post();
+  };
+
+  // The errors of elements do not bubble.
+  window.addEventListener('error', ({ target }) => {
+    if (!target || target === window) return;
+    const url = target.currentSrc || target.src || target.href;
+    if (typeof url === 'string' && typeof target.tagName === 'string') {
+      report(url, target.tagName.toLowerCase());
+    }
+  }, true);
+
+  window.addEventListener('tamsel-channel', event => {
+    event.preventDefault();
+    window.addEventListener(event.detail, ({ detail }) => {
+      if (typeof detail !== 'string') return;
+      const end = detail.indexOf(' ');
+      report(detail.slice(end + 1), detail.slice(0, end));
+    });
+  }, { once: true });
+  window.dispatchEvent(new Event('tamsel-channel-wanted'));
+})();
+)js";
+
+// It takes what it needs at once, before a page can put something else in its place.
+const std::string_view pageScript = R"js((() => {
   'use strict';
   if (window.__tmInstalled) return;
   Object.defineProperty(window, '__tmInstalled', { value: true });
 
   const { apply } = Reflect;
-  const { String, URL, WeakMap, XMLHttpRequest } = window;
-  const { addEventListener } = EventTarget.prototype;
+  const { CustomEvent, URL, WeakMap, XMLHttpRequest } = window;
+  const { addEventListener, dispatchEvent } = EventTarget.prototype;
   const { then } = Promise.prototype;
-  const { toLowerCase } = String.prototype;
   const { get, set } = WeakMap.prototype;
   const getter = (type, key) => Object.getOwnPropertyDescriptor(type.prototype, key).get;
-  const target = getter(Event, 'target');
-  const tagName = getter(Element, 'tagName');
   const href = getter(URL, 'href');
   const baseURI = getter(Node, 'baseURI');
-  const handler = window.webkit.messageHandlers.tmBlocked;
-  const { postMessage } = handler;
 
-  const post = (url, type) => {
+  const channel = 'tamsel-' + crypto.getRandomValues(new Uint32Array(4)).join('-');
+  // What is asked of the settings of an event must not be answered by the page.
+  const dispatch = (name, detail) => apply(dispatchEvent, window, [
+    new CustomEvent(name, { __proto__: null, detail, cancelable: true })]);
+  const tell = () => dispatch('tamsel-channel', channel);
+  // Taken, it is the other script's; that may also come later, but before the page's scripts.
+  if (tell()) addEventListener.call(window, 'tamsel-channel-wanted', tell, { once: true });
+
+  const pass = (url, type) => {
     try {
-      apply(postMessage, handler, [{ url: String(url), type }]);
+      dispatch(channel, type + ' ' + url);
     } catch {}
   };
   // Of a text or a URL; nothing of what might do something when it is read.
@@ -37,17 +95,6 @@ const std::string_view script = R"js((() => {
           ? apply(href, new URL(url, apply(baseURI, document, [])), []) : apply(href, url, []);
     } catch {}
   };
-
-  // The errors of elements do not bubble.
-  apply(addEventListener, window, ['error', event => {
-    try {
-      const element = apply(target, event, []);
-      if (!element || element === window) return;
-      const name = apply(tagName, element, []);
-      const url = element.currentSrc || element.src || element.href;
-      if (url) post(url, apply(toLowerCase, name, []));
-    } catch {}
-  }, true]);
 
   const pageFetch = window.fetch;
   const pageOpen = XMLHttpRequest.prototype.open;
@@ -63,7 +110,7 @@ const std::string_view script = R"js((() => {
       if (!url) return promise;
       // The page gets what follows from it: to the promise itself, this would be handling it.
       return apply(then, promise, [undefined, error => {
-        post(url, 'fetch');
+        pass(url, 'fetch');
         throw error;
       }]);
     },
@@ -76,7 +123,7 @@ const std::string_view script = R"js((() => {
           if (isNew) {
             apply(addEventListener, this, ['error', () => {
               const { url } = apply(get, opened, [this]);
-              if (url) post(url, 'xhr');
+              if (url) pass(url, 'xhr');
             }]);
           }
         } catch {}

@@ -1,8 +1,15 @@
 #include "platform/webview/WebKitView.h"
 
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <string_view>
 #include <utility>
 
+#include "platform/http/Address.h"
 #include "platform/rulestore/WebKitRuleListStore.h"
+#include "platform/webview/extension/Protocol.h"
 
 namespace tamsel {
 namespace {
@@ -13,6 +20,11 @@ constexpr int maxRepetitions = 20;
 constexpr const char* emptyPage = "about:blank";
 
 constexpr const char* messageSignal = "script-message-received::";
+
+// How long a page may take to let the program go, or to stop. Who wants to leave waits no more than
+// two seconds in all; a page that is to stop should rather live.
+constexpr auto patienceToLeave = std::chrono::milliseconds(1000);
+constexpr auto patienceToStop = std::chrono::milliseconds(1500);
 
 std::string text(const char* string) {
   return string == nullptr ? std::string() : string;
@@ -45,25 +57,99 @@ class ScriptMessage : public WebView::Message {
   JSCValue* value_;
 };
 
+// Downloads and other windows.
+void removeWhatThereIsNot(WebKitContextMenu* menu) {
+  constexpr std::array actions = {
+      WEBKIT_CONTEXT_MENU_ACTION_OPEN_LINK_IN_NEW_WINDOW,
+      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_LINK_TO_DISK,
+      WEBKIT_CONTEXT_MENU_ACTION_OPEN_IMAGE_IN_NEW_WINDOW,
+      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_IMAGE_TO_DISK,
+      WEBKIT_CONTEXT_MENU_ACTION_OPEN_FRAME_IN_NEW_WINDOW,
+      WEBKIT_CONTEXT_MENU_ACTION_OPEN_VIDEO_IN_NEW_WINDOW,
+      WEBKIT_CONTEXT_MENU_ACTION_OPEN_AUDIO_IN_NEW_WINDOW,
+      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_VIDEO_TO_DISK,
+      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_AUDIO_TO_DISK};
+  GList* items = g_list_copy(webkit_context_menu_get_items(menu));
+  for (GList* each = items; each != nullptr; each = each->next) {
+    auto* item = WEBKIT_CONTEXT_MENU_ITEM(each->data);
+    const WebKitContextMenuAction action = webkit_context_menu_item_get_stock_action(item);
+    if (std::find(actions.begin(), actions.end(), action) != actions.end()) {
+      webkit_context_menu_remove(menu, item);
+    }
+  }
+  g_list_free(items);
+}
+
 }  // namespace
 
 WebKitView::WebKitView(const Options& options)
-    : content_(webkit_user_content_manager_new()), timeout_(options.timeout) {
+    : content_(webkit_user_content_manager_new()),
+      context_(webkit_web_context_new()),
+      session_(WEBKIT_NETWORK_SESSION(g_object_ref(options.session != nullptr
+                                                       ? options.session
+                                                       : webkit_network_session_get_default()))),
+      timeout_(options.timeout) {
+  loadModule(options.moduleFolder);
   WebKitSettings* settings = webkit_settings_new_with_settings(
       // A page that comes back out of the cache requests nothing, so nothing would be counted, and
       // it would show what other rules made of it.
       "enable-page-cache", FALSE, nullptr);
-  GObject* view = G_OBJECT(g_object_new(
-      WEBKIT_TYPE_WEB_VIEW, "user-content-manager", content_.get(), "settings", settings,
-      "network-session",
-      options.session != nullptr ? options.session : webkit_network_session_get_default(),
-      nullptr));
+  GObject* view = G_OBJECT(g_object_new(WEBKIT_TYPE_WEB_VIEW, "user-content-manager",
+                                        content_.get(), "settings", settings, "web-context",
+                                        context_.get(), "network-session", session_.get(), nullptr));
   g_object_unref(settings);
   view_.reset(WEBKIT_WEB_VIEW(g_object_ref_sink(view)));
+  dialogs_ = std::make_unique<PageDialogs>(GTK_WIDGET(view), [this] { onDialogsChanged(); });
+  followLoads();
+  answerPages();
+}
 
-  const auto on = [this](gpointer object, const char* signal, auto handler) {
-    g_signal_connect(object, signal, G_CALLBACK(+handler), this);
-  };
+WebKitView::~WebKitView() {
+  stopAwaitingAnswer();
+  followPage(nullptr);
+  for (gpointer object : {gpointer(view_.get()), gpointer(content_.get()), gpointer(context_.get()),
+                          gpointer(session_.get()),
+                          gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
+    g_signal_handlers_disconnect_by_data(object, this);
+  }
+  for (const auto& download : downloads_) {
+    g_signal_handlers_disconnect_by_data(download.get(), this);
+    webkit_download_cancel(download.get());
+  }
+}
+
+template <typename Handler>
+void WebKitView::on(gpointer object, const char* signal, Handler handler) {
+  g_signal_connect(object, signal, G_CALLBACK(+handler), this);
+}
+
+void WebKitView::loadModule(const std::string& folder) {
+  if (std::error_code error; !std::filesystem::exists(folder, error)) return;
+  webkit_web_context_set_web_process_extensions_directory(context_.get(), folder.c_str());
+  webkit_web_context_set_web_process_extensions_initialization_user_data(
+      context_.get(), g_variant_new_uint64(seed_));
+  // The processes see little of the system.
+  webkit_web_context_add_path_to_sandbox(context_.get(), folder.c_str(), TRUE);
+  on(context_.get(), "user-message-received",
+     [](WebKitWebContext*, WebKitUserMessage* message, WebKitView* self) -> gboolean {
+       if (text(webkit_user_message_get_name(message)) != WebProcess::ready) return FALSE;
+       self->isModuleThere_ = true;
+       return TRUE;
+     });
+}
+
+std::string WebKitView::installedModuleFolder() {
+  std::error_code error;
+  const std::filesystem::path folder =
+      std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  const std::filesystem::path beside = folder / "web-process";
+  if (std::filesystem::exists(beside, error)) return beside;
+  return (folder / TAMSEL_MODULE_FOLDER).lexically_normal();
+}
+
+// How pages come and go.
+void WebKitView::followLoads() {
+  const gpointer view = view_.get();
   on(view, "load-changed",
      [](WebKitWebView*, WebKitLoadEvent event, WebKitView* self) { self->onLoadChanged(event); });
   // TRUE keeps WebKit from showing an error page of its own.
@@ -82,16 +168,9 @@ WebKitView::WebKitView(const Options& options)
   on(view, "decide-policy",
      [](WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type,
         WebKitView* self) -> gboolean {
-       if (type == WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) {
-         self->onNavigationAction(webkit_navigation_policy_decision_get_navigation_action(
-             WEBKIT_NAVIGATION_POLICY_DECISION(decision)));
-       }
-       if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return FALSE;
-       auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
-       if (webkit_response_policy_decision_is_main_frame_main_resource(response) != FALSE) {
-         self->onPageResponse(response);
-       }
-       return FALSE;
+       if (self->isWanted(decision, type)) return FALSE;
+       webkit_policy_decision_ignore(decision);
+       return TRUE;
      });
   on(view, "resource-load-started",
      [](WebKitWebView* webView, WebKitWebResource* resource, WebKitURIRequest* request,
@@ -102,7 +181,9 @@ WebKitView::WebKitView(const Options& options)
      });
   on(view, "create",
      [](WebKitWebView*, WebKitNavigationAction* action, WebKitView* self) -> GtkWidget* {
-       self->openInThisView(webkit_navigation_action_get_request(action));
+       WebKitURIRequest* request = webkit_navigation_action_get_request(action);
+       // An empty window, that the page wants to write to, there is not.
+       if (text(webkit_uri_request_get_uri(request)) != emptyPage) self->openInThisView(request);
        return nullptr;
      });
   on(view, "web-process-terminated",
@@ -111,6 +192,8 @@ WebKitView::WebKitView(const Options& options)
      });
   on(view, "notify::is-web-process-responsive",
      [](GObject*, GParamSpec*, WebKitView* self) { self->onResponsivenessChanged(); });
+  on(view, "notify::is-loading",
+     [](GObject*, GParamSpec*, WebKitView* self) { self->onLoadingChanged(); });
   // Pages change their own address, title and history too.
   for (const char* property : {"notify::uri", "notify::title"}) {
     on(view, property, [](GObject*, GParamSpec*, WebKitView* self) {
@@ -121,13 +204,42 @@ WebKitView::WebKitView(const Options& options)
      [](WebKitBackForwardList*, gpointer, gpointer, WebKitView* self) { self->changed(); });
 }
 
-WebKitView::~WebKitView() {
-  stopAwaitingAnswer();
-  followPage(nullptr);
-  for (gpointer object : {gpointer(view_.get()), gpointer(content_.get()),
-                          gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
-    g_signal_handlers_disconnect_by_data(object, this);
-  }
+// What pages tell, ask for and ask.
+void WebKitView::answerPages() {
+  const gpointer view = view_.get();
+  on(view, "user-message-received",
+     [](WebKitWebView*, WebKitUserMessage* message, WebKitView* self) -> gboolean {
+       if (text(webkit_user_message_get_name(message)) != WebProcess::blocked) return FALSE;
+       self->onBlocked(webkit_user_message_get_parameters(message));
+       return TRUE;
+     });
+  on(view, "script-dialog",
+     [](WebKitWebView*, WebKitScriptDialog* dialog, WebKitView* self) -> gboolean {
+       self->onScriptDialog(dialog);
+       return TRUE;
+     });
+  on(view, "authenticate",
+     [](WebKitWebView*, WebKitAuthenticationRequest* request, WebKitView* self) -> gboolean {
+       self->onAuthenticate(request);
+       return TRUE;
+     });
+  on(view, "permission-request",
+     [](WebKitWebView*, WebKitPermissionRequest* request, WebKitView*) -> gboolean {
+       webkit_permission_request_deny(request);
+       return TRUE;
+     });
+  // A page could ask for it again and again.
+  on(view, "print",
+     [](WebKitWebView*, WebKitPrintOperation*, WebKitView*) -> gboolean { return TRUE; });
+  on(view, "context-menu",
+     [](WebKitWebView*, WebKitContextMenu* menu, WebKitHitTestResult*, WebKitView*) -> gboolean {
+       removeWhatThereIsNot(menu);
+       return FALSE;
+     });
+  on(session_.get(), "download-started",
+     [](WebKitNetworkSession*, WebKitDownload* download, WebKitView* self) {
+       if (webkit_download_get_web_view(download) == self->view_.get()) self->onDownload(download);
+     });
 }
 
 void WebKitView::followPage(WebKitWebResource* page) {
@@ -141,32 +253,94 @@ void WebKitView::followPage(WebKitWebResource* page) {
   g_signal_connect(page, "sent-request", G_CALLBACK(+onSent), this);
 }
 
-void WebKitView::addScript(const std::string& source) {
+void WebKitView::addScript(const std::string& source, World world) {
   WebKitUserScript* script =
-      webkit_user_script_new(source.c_str(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
-                             WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
+      world == World::own
+          ? webkit_user_script_new_for_world(source.c_str(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
+                                             WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START,
+                                             WebProcess::world, nullptr, nullptr)
+          : webkit_user_script_new(source.c_str(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
+                                   WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
   webkit_user_content_manager_add_script(content_.get(), script);
   webkit_user_script_unref(script);
 }
 
 void WebKitView::addMessageHandler(const std::string& name) {
-  const auto receive = [](WebKitUserContentManager*, JSCValue* value, WebKitView* self) {
-    // Until the next page has taken its place, what comes is of the one before.
-    if (self->delegate_ == nullptr || self->isProvisional_) return;
-    self->delegate_->didReceive(ScriptMessage(value));
-  };
   // Before it is registered, so that no message is missed.
-  g_signal_connect(content_.get(), (messageSignal + name).c_str(), G_CALLBACK(+receive), this);
+  on(content_.get(), (messageSignal + name).c_str(),
+     [](WebKitUserContentManager*, JSCValue* value, WebKitView* self) {
+       // Until the next page has taken its place, what comes is of the one before.
+       if (self->delegate_ == nullptr || self->isProvisional_) return;
+       self->delegate_->didReceive(ScriptMessage(value));
+     });
   webkit_user_content_manager_register_script_message_handler(content_.get(), name.c_str(),
-                                                              nullptr);
+                                                              WebProcess::world);
+}
+
+void WebKitView::onBlocked(GVariant* message) {
+  if (message == nullptr || delegate_ == nullptr ||
+      g_variant_is_of_type(message, G_VARIANT_TYPE(WebProcess::blockedFormat)) == FALSE) {
+    return;
+  }
+  guint64 page = 0;
+  GVariant* keys = nullptr;
+  GVariant* urls = nullptr;
+  g_variant_get(message, "(t@at@as)", &page, &keys, &urls);
+  Blocked blocked;
+  gsize count = 0;
+  const auto* first =
+      static_cast<const guint64*>(g_variant_get_fixed_array(keys, &count, sizeof(guint64)));
+  blocked.keys.assign(first, first + count);
+  GVariantIter iterator;
+  g_variant_iter_init(&iterator, urls);
+  for (const char* url = nullptr; g_variant_iter_next(&iterator, "&s", &url) != FALSE;) {
+    blocked.urls.emplace_back(url);
+  }
+  g_variant_unref(keys);
+  g_variant_unref(urls);
+  // A page that has gone may still have a process.
+  if (page == webkit_web_view_get_page_id(view_.get())) delegate_->didBlock(blocked);
 }
 
 void WebKitView::load(const std::string& url) {
-  begin({.url = url, .text = std::nullopt});
+  const std::optional<Address> address = Address::parse(url);
+  // In place of a page WebKit would run it in the one that is shown.
+  if (address && g_ascii_strcasecmp(address->scheme.c_str(), "javascript") == 0) {
+    return fail({.message = "An address that is a script is not run.", .url = url});
+  }
+  depart([this, url] { begin({.url = url, .text = std::nullopt}); });
 }
 
 void WebKitView::loadHtml(const std::string& html, const std::string& baseURL) {
-  begin({.url = baseURL, .text = TextPage{html, baseURL}});
+  depart([=, this] { begin({.url = baseURL, .text = TextPage{html, baseURL}}); });
+}
+
+// Leaves the page for what the action has WebKit load.
+void WebKitView::depart(const std::function<void()>& action) {
+  // It is not the person that asks for this who answers.
+  departure_.reset();
+  isLeaving_ = true;
+  dialogs_->closeAll();
+  dialogs_->startAnew();
+  isLeaving_ = false;
+  action();
+  watchDeparture(patienceToLeave, action);
+  departure_->leadTo(url());
+}
+
+void WebKitView::watchDeparture(std::chrono::milliseconds patience, std::function<void()> again) {
+  const auto onStuck = [this] {
+    const std::unique_ptr<Departure> stuck = std::move(departure_);
+    endProcess();
+    stuck->again()();
+  };
+  departure_ = std::make_unique<Departure>(view_.get(), patience, onStuck, std::move(again));
+}
+
+void WebKitView::endProcess() {
+  isProvisional_ = false;
+  repetition_.reset();
+  webkit_web_view_terminate_web_process(view_.get());
 }
 
 void WebKitView::begin(Pending pending) {
@@ -186,16 +360,16 @@ void WebKitView::begin(Pending pending) {
 }
 
 void WebKitView::reload() {
-  // Nothing that hangs can be told to load anything.
-  if (webkit_web_view_get_is_web_process_responsive(view_.get()) == FALSE) {
-    webkit_web_view_terminate_web_process(view_.get());
-  }
+  depart([this] { reloadNow(); });
+}
+
+void WebKitView::reloadNow() {
   if (pending_) {
     begin(Pending(*pending_));
   } else if (isProvisional_) {
     // A page on its way, by a link or a script, needs no second request.
   } else if (isTextShown_) {
-    loadHtml(text_->html, text_->baseURL);
+    begin({.url = text_->baseURL, .text = *text_});
   } else {
     willNavigate(url());
     webkit_web_view_reload(view_.get());
@@ -203,6 +377,17 @@ void WebKitView::reload() {
 }
 
 void WebKitView::stopLoading() {
+  isLeaving_ = true;
+  dialogs_->closeAll();
+  isLeaving_ = false;
+  stopNow();
+  watchDeparture(patienceToStop, [this] {
+    fail({.message = "The page did not stop and was closed. Reload to try again."});
+    changed();
+  });
+}
+
+void WebKitView::stopNow() {
   repetition_.reset();
   // Stopped before it has begun, WebKit would say that it loads for ever.
   stopsAtStart_ = pending_ && !isProvisional_;
@@ -214,6 +399,7 @@ void WebKitView::stopLoading() {
 
 void WebKitView::stayOnPage() {
   if (!url().empty()) willNavigate(url());
+  if (delegate_ != nullptr) delegate_->didStay();
   changed();
 }
 
@@ -229,13 +415,19 @@ void WebKitView::goBack() {
     item =
         webkit_back_forward_list_get_back_item(webkit_web_view_get_back_forward_list(view_.get()));
   }
-  if (item != nullptr) moveTo(item);
+  departTo(item);
 }
 
 void WebKitView::goForward() {
-  WebKitBackForwardListItem* item =
-      webkit_back_forward_list_get_forward_item(webkit_web_view_get_back_forward_list(view_.get()));
-  if (item != nullptr) moveTo(item);
+  departTo(webkit_back_forward_list_get_forward_item(
+      webkit_web_view_get_back_forward_list(view_.get())));
+}
+
+void WebKitView::departTo(WebKitBackForwardListItem* item) {
+  if (item == nullptr) return;
+  const std::shared_ptr<WebKitBackForwardListItem> kept(
+      WEBKIT_BACK_FORWARD_LIST_ITEM(g_object_ref(item)), Unref());
+  depart([this, kept] { moveTo(kept.get()); });
 }
 
 std::string WebKitView::url() const {
@@ -284,16 +476,20 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
     case WEBKIT_LOAD_STARTED:
       isProvisional_ = true;
       isAnswered_ = false;
+      if (departure_ != nullptr) departure_->hasBegun();
       if (delegate_ != nullptr) delegate_->didStart();
-      if (std::exchange(stopsAtStart_, false)) stopLoading();
+      if (std::exchange(stopsAtStart_, false)) stopNow();
       break;
     case WEBKIT_LOAD_REDIRECTED:
       if (timer_ != 0) awaitAnswer();
       break;
     case WEBKIT_LOAD_COMMITTED:
       isProvisional_ = false;
+      departure_.reset();
       stopAwaitingAnswer();
       repetitions_ = 0;
+      askForModule();
+      if (delegate_ != nullptr) delegate_->didCommit();
       // What it refuses to request, WebKit replaces with an empty page, without a word.
       if (pending_ && url() == emptyPage && pending_->url != emptyPage) {
         fail({.message = "This address cannot be opened.", .url = pending_->url});
@@ -313,6 +509,11 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
 void WebKitView::onLoadFailed(const std::string& url, const GError& error) {
   const bool isCancelled =
       g_error_matches(&error, WEBKIT_NETWORK_ERROR, WEBKIT_NETWORK_ERROR_CANCELLED) != FALSE;
+  // What is ignored, an answer without content for instance, or is no page.
+  if (g_error_matches(&error, WEBKIT_POLICY_ERROR,
+                      WEBKIT_POLICY_ERROR_FRAME_LOAD_INTERRUPTED_BY_POLICY_CHANGE) != FALSE) {
+    return endLoad({.message = error.message, .url = url, .isCancelled = true});
+  }
   constexpr int blockedByContentBlocker = 104;
   const bool isBlocked =
       error.domain == WEBKIT_POLICY_ERROR && error.code == blockedByContentBlocker;
@@ -324,17 +525,27 @@ void WebKitView::onLoadFailed(const std::string& url, const GError& error) {
       return;
     }
   }
-  fail({.message = error.message, .url = url, .isCancelled = isCancelled});
+  Failure failure{.message = error.message, .url = url, .isCancelled = isCancelled};
+  if (isBlocked) failure.blockedKey = RequestKeys::keyOf(url, seed_);
+  fail(failure);
 }
 
 void WebKitView::fail(const Failure& failure) {
-  if (failure.isCancelled && repetition_ != nullptr) return;
-  // What is cancelled mostly makes way for what is pending now.
-  if (!failure.isCancelled) {
-    repetitions_ = 0;
-    pending_.reset();
-    stopAwaitingAnswer();
-  }
+  // What is cancelled mostly makes way for what is pending now, or is requested again.
+  if (!failure.isCancelled) return endLoad(failure);
+  if (repetition_ == nullptr) tellFailure(failure);
+}
+
+// Nothing more comes of what was to be loaded.
+void WebKitView::endLoad(const Failure& failure) {
+  repetitions_ = 0;
+  pending_.reset();
+  departure_.reset();
+  stopAwaitingAnswer();
+  tellFailure(failure);
+}
+
+void WebKitView::tellFailure(const Failure& failure) {
   const bool wasProvisional = std::exchange(isProvisional_, false);
   if (delegate_ != nullptr) delegate_->didFail(failure);
   // The page before stays, and with it its list.
@@ -350,6 +561,30 @@ void WebKitView::onPageRequest(WebKitURIRequest* request) {
   if (++repetitions_ > maxRepetitions) return;
   repetition_.reset(WEBKIT_URI_REQUEST(g_object_ref(request)));
   webkit_web_view_stop_loading(view_.get());
+}
+
+bool WebKitView::isWanted(WebKitPolicyDecision* decision, WebKitPolicyDecisionType type) {
+  if (type == WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) {
+    WebKitNavigationAction* action = webkit_navigation_policy_decision_get_navigation_action(
+        WEBKIT_NAVIGATION_POLICY_DECISION(decision));
+    if (departure_ != nullptr && departure_->isHinderedBy(action)) return false;
+    onNavigationAction(action);
+  }
+  if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return true;
+  auto* answer = WEBKIT_RESPONSE_POLICY_DECISION(decision);
+  WebKitURIResponse* response = webkit_response_policy_decision_get_response(answer);
+  const guint status = webkit_uri_response_get_status_code(response);
+  // They say that there is nothing to show.
+  if (status == SOUP_STATUS_NO_CONTENT || status == SOUP_STATUS_RESET_CONTENT) return false;
+  if (webkit_response_policy_decision_is_mime_type_supported(answer) == FALSE) {
+    const std::string name = text(webkit_uri_response_get_suggested_filename(response));
+    refuseDownload(name.empty() ? text(webkit_uri_response_get_uri(response)) : name);
+    return false;
+  }
+  if (webkit_response_policy_decision_is_main_frame_main_resource(answer) != FALSE) {
+    onPageResponse(response);
+  }
+  return true;
 }
 
 // Moving in the history has to stay that.
@@ -387,6 +622,7 @@ WebKitBackForwardListItem* WebKitView::itemOf(const std::string& url) const {
 
 void WebKitView::repeat() {
   const std::string url = text(webkit_uri_request_get_uri(repetition_.get()));
+  if (departure_ != nullptr) departure_->leadTo(url);
   WebKitBackForwardListItem* item = lastMove_ == url ? itemOf(url) : nullptr;
   if (item != nullptr) {
     moveTo(item);
@@ -402,10 +638,9 @@ void WebKitView::moveTo(WebKitBackForwardListItem* item) {
   webkit_web_view_go_to_back_forward_list_item(view_.get(), item);
 }
 
-void WebKitView::onPageResponse(WebKitResponsePolicyDecision* decision) {
+void WebKitView::onPageResponse(WebKitURIResponse* response) {
   isAnswered_ = true;
-  willNavigate(
-      text(webkit_uri_response_get_uri(webkit_response_policy_decision_get_response(decision))));
+  willNavigate(text(webkit_uri_response_get_uri(response)));
 }
 
 void WebKitView::openInThisView(WebKitURIRequest* request) {
@@ -426,10 +661,141 @@ void WebKitView::onProcessEnded(WebKitWebProcessTerminationReason reason) {
 }
 
 void WebKitView::onResponsivenessChanged() {
-  if (webkit_web_view_get_is_web_process_responsive(view_.get()) != FALSE) return;
-  if (delegate_ != nullptr) {
-    delegate_->didFail({.message = "The page does not respond. Reload to try again."});
+  const bool isResponsive = webkit_web_view_get_is_web_process_responsive(view_.get()) != FALSE;
+  // It waits for a person, or is about to be ended.
+  if (!isResponsive && (dialogs_->isOpen() || departure_ != nullptr)) return;
+  if (isResponsive == !isUnresponsive_) return;
+  isUnresponsive_ = !isResponsive;
+  if (delegate_ == nullptr) return;
+  delegate_->didFail(
+      {.message = isResponsive ? "" : "The page does not respond. Reload to try again."});
+}
+
+// A move within a page is no load, and only this tells of its end.
+void WebKitView::onLoadingChanged() {
+  if (isLoading() || isProvisional_ || repetition_ != nullptr) return;
+  pending_.reset();
+  stopsAtStart_ = false;
+  stopAwaitingAnswer();
+  changed();
+}
+
+void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
+  const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);
+  const bool asksToLeave = type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM;
+  // Somebody is about to leave, or has been asked and insists.
+  if (isLeaving_ || (departure_ != nullptr && !asksToLeave)) {
+    if (asksToLeave) webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
+    return;
   }
+  const std::optional<Address> address = Address::parse(url());
+  const std::string host = address && !address->host.empty() ? address->host : "This page";
+  PageDialogs::Question question{.heading = host + " says",
+                                 .text = text(webkit_script_dialog_get_message(dialog))};
+  if (type != WEBKIT_SCRIPT_DIALOG_ALERT) question.decline = "Cancel";
+  if (type == WEBKIT_SCRIPT_DIALOG_PROMPT) {
+    question.field = text(webkit_script_dialog_prompt_get_default_text(dialog));
+  }
+  if (asksToLeave) {
+    question = {.heading = "Leave this page?",
+                .text = "What you have entered there may be lost.",
+                .accept = "Leave",
+                .decline = "Stay",
+                .acceptsUnasked = true};
+  }
+  const std::shared_ptr<WebKitScriptDialog> kept(webkit_script_dialog_ref(dialog),
+                                                 webkit_script_dialog_unref);
+  dialogs_->ask(std::move(question), [this, kept, type](const PageDialogs::Answer& answer) {
+    if (type == WEBKIT_SCRIPT_DIALOG_PROMPT) {
+      if (answer.isAccepted) webkit_script_dialog_prompt_set_text(kept.get(), answer.field.c_str());
+    } else if (type != WEBKIT_SCRIPT_DIALOG_ALERT) {
+      webkit_script_dialog_confirm_set_confirmed(kept.get(), answer.isAccepted ? TRUE : FALSE);
+    }
+    webkit_script_dialog_close(kept.get());
+    if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM && !answer.isAccepted) {
+      // WebKit itself would go on loading for ever.
+      pending_.reset();
+      departure_.reset();
+      stopAwaitingAnswer();
+      webkit_web_view_stop_loading(view_.get());
+      stayOnPage();
+    }
+  });
+}
+
+void WebKitView::onAuthenticate(WebKitAuthenticationRequest* request) {
+  const WebKitAuthenticationScheme scheme = webkit_authentication_request_get_scheme(request);
+  const bool isPassword = scheme == WEBKIT_AUTHENTICATION_SCHEME_DEFAULT ||
+                          scheme == WEBKIT_AUTHENTICATION_SCHEME_HTTP_BASIC ||
+                          scheme == WEBKIT_AUTHENTICATION_SCHEME_HTTP_DIGEST ||
+                          scheme == WEBKIT_AUTHENTICATION_SCHEME_NTLM ||
+                          scheme == WEBKIT_AUTHENTICATION_SCHEME_HTML_FORM;
+  if (!isPassword) return webkit_authentication_request_cancel(request);
+  const std::string port = std::to_string(webkit_authentication_request_get_port(request));
+  const std::string host = text(webkit_authentication_request_get_host(request)) + ":" + port;
+  const std::string realm = text(webkit_authentication_request_get_realm(request));
+  PageDialogs::Question question{.heading = "Sign in to " + host,
+                                 .text = {},
+                                 .accept = "Sign In",
+                                 .decline = "Cancel",
+                                 .field = "",
+                                 .asksPassword = true};
+  if (webkit_authentication_request_is_for_proxy(request) != FALSE) {
+    question.heading = "Sign in to the proxy " + host;
+  }
+  if (!realm.empty()) question.text = "The site says: " + realm;
+  if (webkit_authentication_request_is_retry(request) != FALSE) {
+    question.text = "That was not accepted. " + question.text;
+  }
+  const std::shared_ptr<WebKitAuthenticationRequest> kept(
+      WEBKIT_AUTHENTICATION_REQUEST(g_object_ref(request)), Unref());
+  dialogs_->ask(std::move(question), [kept](const PageDialogs::Answer& answer) {
+    if (!answer.isAccepted) return webkit_authentication_request_cancel(kept.get());
+    WebKitCredential* credential =
+        webkit_credential_new(answer.field.c_str(), answer.password.c_str(),
+                              WEBKIT_CREDENTIAL_PERSISTENCE_FOR_SESSION);
+    webkit_authentication_request_authenticate(kept.get(), credential);
+    webkit_credential_free(credential);
+  });
+}
+
+void WebKitView::onDialogsChanged() {
+  if (dialogs_->isOpen()) {
+    resumesAwaiting_ = timer_ != 0;
+    stopAwaitingAnswer();
+    if (departure_ != nullptr) departure_->pause();
+  } else {
+    if (std::exchange(resumesAwaiting_, false) && pending_) awaitAnswer();
+    if (departure_ != nullptr) departure_->resume();
+  }
+}
+
+void WebKitView::onDownload(WebKitDownload* download) {
+  // What it would be called is known later; nothing has been written then.
+  downloads_.emplace(WEBKIT_DOWNLOAD(g_object_ref(download)));
+  on(download, "decide-destination",
+     [](WebKitDownload* started, const char* name, WebKitView* self) -> gboolean {
+       self->refuseDownload(text(name));
+       webkit_download_cancel(started);
+       return TRUE;
+     });
+  on(download, "finished", [](WebKitDownload* ended, WebKitView* self) {
+    g_signal_handlers_disconnect_by_data(ended, self);
+    std::erase_if(self->downloads_, [ended](const auto& each) { return each.get() == ended; });
+  });
+}
+
+void WebKitView::refuseDownload(const std::string& name) {
+  if (delegate_ == nullptr) return;
+  delegate_->didFail({.message = "Tamsel does not download files: " + name});
+}
+
+// Without the module all else works, but somebody should know.
+void WebKitView::askForModule() {
+  static bool hasSaid = false;
+  if (isModuleThere_ || std::exchange(hasSaid, true)) return;
+  std::fputs("tamsel: the module for WebKit's processes is not there: what is blocked is counted only "
+             "as far as pages notice it\n", stderr);
 }
 
 void WebKitView::awaitAnswer() {

@@ -3,10 +3,16 @@
 #include <webkit/webkit.h>
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
+#include "platform/webview/Departure.h"
+#include "platform/webview/PageDialogs.h"
+#include "platform/webview/RequestKeys.h"
 #include "platform/webview/WebView.h"
 
 namespace tamsel {
@@ -18,13 +24,21 @@ namespace tamsel {
 /// and the delegate is told first. Of the rest it is told when the request is on its way, or has
 /// been redirected. If it then installs another list, that is too late for the request, and for
 /// what is hidden on the page, so the page is requested again.
+///
+/// What WebKit has blocked is told by a module in its web processes, see extension/main.cpp. What
+/// the program wants loaded is loaded even if the page does what it can against it, if need be by
+/// ending its process. Nothing is downloaded.
 class WebKitView : public WebView {
  public:
   struct Options {
-    /// Where cookies and caches are kept; null for the user's.
+    /// Where cookies and caches are kept; null for the user's. In one that keeps nothing WebKit
+    /// does not tell what it blocks.
     WebKitNetworkSession* session = nullptr;
     /// The longest wait for an answer.
     std::chrono::milliseconds timeout = std::chrono::minutes(1);
+    /// Where the module for the web processes is. Without it the view cannot tell what is blocked,
+    /// and says so once on standard error.
+    std::string moduleFolder = installedModuleFolder();
   };
 
   WebKitView() : WebKitView(Options()) {}
@@ -32,8 +46,9 @@ class WebKitView : public WebView {
   ~WebKitView() override;
 
   void setDelegate(Delegate* delegate) override { delegate_ = delegate; }
-  void addScript(const std::string& source) override;
+  void addScript(const std::string& source, World world) override;
   void addMessageHandler(const std::string& name) override;
+  bool tellsWhatIsBlocked() const override { return isModuleThere_; }
   void load(const std::string& url) override;
   void loadHtml(const std::string& html, const std::string& baseURL) override;
   void reload() override;
@@ -46,7 +61,13 @@ class WebKitView : public WebView {
   bool canGoBack() const override;
   bool canGoForward() const override;
   void installRuleList(std::shared_ptr<const RuleList> list) override;
-  GtkWidget* widget() const override { return GTK_WIDGET(view_.get()); }
+  GtkWidget* widget() const override { return dialogs_->widget(); }
+
+  /// WebKit's own view.
+  WebKitWebView* webKit() const { return view_.get(); }
+
+  /// Where the module is: beside this program, or where an installation puts it.
+  static std::string installedModuleFolder();
 
  private:
   struct Unref {
@@ -63,18 +84,40 @@ class WebKitView : public WebView {
     std::optional<TextPage> text;
   };
 
+  template <typename Handler>
+  void on(gpointer object, const char* signal, Handler handler);
+  void loadModule(const std::string& folder);
+  void askForModule();
+  void followLoads();
+  void answerPages();
+  void onBlocked(GVariant* message);
+  void depart(const std::function<void()>& action);
+  void watchDeparture(std::chrono::milliseconds patience, std::function<void()> again);
+  void endProcess();
+  void onScriptDialog(WebKitScriptDialog* dialog);
+  void onAuthenticate(WebKitAuthenticationRequest* request);
+  void onDialogsChanged();
+  void onLoadingChanged();
+  void onDownload(WebKitDownload* download);
+  void refuseDownload(const std::string& name);
+  bool isWanted(WebKitPolicyDecision* decision, WebKitPolicyDecisionType type);
   void begin(Pending pending);
+  void reloadNow();
+  void stopNow();
   void willNavigate(const std::string& url);
   void onLoadChanged(WebKitLoadEvent event);
   void onLoadFailed(const std::string& url, const GError& error);
   void fail(const Failure& failure);
+  void endLoad(const Failure& failure);
+  void tellFailure(const Failure& failure);
   void followPage(WebKitWebResource* page);
   void onPageRequest(WebKitURIRequest* request);
-  void onPageResponse(WebKitResponsePolicyDecision* decision);
+  void onPageResponse(WebKitURIResponse* response);
   void openInThisView(WebKitURIRequest* request);
   void onNavigationAction(WebKitNavigationAction* action);
   void repeat();
   void moveTo(WebKitBackForwardListItem* item);
+  void departTo(WebKitBackForwardListItem* item);
   void stayOnPage();
   void onProcessEnded(WebKitWebProcessTerminationReason reason);
   void onResponsivenessChanged();
@@ -88,7 +131,10 @@ class WebKitView : public WebView {
   WebKitBackForwardListItem* itemOf(const std::string& url) const;
 
   std::unique_ptr<WebKitUserContentManager, Unref> content_;
+  std::unique_ptr<WebKitWebContext, Unref> context_;
+  std::unique_ptr<WebKitNetworkSession, Unref> session_;
   std::unique_ptr<WebKitWebView, Unref> view_;
+  std::unique_ptr<PageDialogs> dialogs_;
   // The page that was requested last; tells of redirections.
   std::unique_ptr<WebKitWebResource, Unref> page_;
   Delegate* delegate_ = nullptr;
@@ -112,6 +158,19 @@ class WebKitView : public WebView {
   int repetitions_ = 0;
   std::chrono::milliseconds timeout_;
   guint timer_ = 0;
+  std::unique_ptr<Departure> departure_;
+  // Those that have no name yet, and are cancelled when they get one.
+  std::set<std::unique_ptr<WebKitDownload, Unref>> downloads_;
+  // Open dialogs are closed because somebody leaves.
+  bool isLeaving_ = false;
+  // While a person is asked something, no time passes; then the wait for an answer begins anew.
+  bool resumesAwaiting_ = false;
+  // The page's process does not answer, and the delegate was told so.
+  bool isUnresponsive_ = false;
+  // In every web process that runs: it is the first thing that one says.
+  bool isModuleThere_ = false;
+  // Of RequestKeys.
+  const std::uint64_t seed_ = RequestKeys::makeSeed();
 };
 
 }  // namespace tamsel

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/rulestore/RuleListStore.h"
 
@@ -12,8 +14,8 @@ using GtkWidget = struct _GtkWidget;
 
 namespace tamsel {
 
-/// A view that shows web pages, one after the other. Frames are parts of their page. For the main
-/// thread.
+/// A view that shows web pages, one after the other. Frames are parts of their page. A page can be
+/// left whatever it does. For the main thread.
 class WebView {
  public:
   /// Why a page was not loaded, or is not there any more.
@@ -24,6 +26,28 @@ class WebView {
     std::optional<std::string> url = std::nullopt;
     /// Something else was to be loaded, or nothing more.
     bool isCancelled = false;
+    /// The key of the address, if it is the rule list that blocked it.
+    std::optional<std::uint64_t> blockedKey = std::nullopt;
+  };
+
+  /// Requests of a page that were not sent because the rule list blocks them.
+  struct Blocked {
+    /// The most that are named of a page, and the most bytes of a name.
+    static constexpr std::size_t mostNamed = 300, longestName = 4096;
+
+    /// RequestKeys of their addresses, in the order of the requests. Each address comes once, and
+    /// once more when something else tells of it.
+    std::vector<std::uint64_t> keys;
+    /// The addresses of the first; what is longer than the longest name is cut.
+    std::vector<std::string> urls;
+  };
+
+  /// Where a script runs.
+  enum class World {
+    /// With the page's own scripts, which it can change and which can change it.
+    page,
+    /// Beside them: it shares the document with them and nothing else. Message handlers are here.
+    own,
   };
 
   /// What a page sent.
@@ -50,10 +74,16 @@ class WebView {
     virtual void willNavigate(const std::string& url) = 0;
     /// A page has begun to load. The one before is still shown.
     virtual void didStart() = 0;
+    /// It has taken the place of the one before.
+    virtual void didCommit() = 0;
+    /// It will not come: the one before stays.
+    virtual void didStay() = 0;
     /// The view's address, or another of its properties, has changed: a page has taken the place of
     /// the one before, is complete, or has changed its address.
     virtual void didChange() = 0;
     virtual void didFail(const Failure& failure) = 0;
+    /// Requests of the page that is shown were blocked.
+    virtual void didBlock(const Blocked& requests) = 0;
     virtual void didReceive(const Message& message) = 0;
 
    protected:
@@ -69,10 +99,15 @@ class WebView {
   virtual void setDelegate(Delegate* delegate) = 0;
 
   /// Runs the script in every frame of each page to come, before the page's own scripts.
-  virtual void addScript(const std::string& source) = 0;
+  virtual void addScript(const std::string& source, World world) = 0;
 
-  /// Lets pages send messages: `window.webkit.messageHandlers.NAME.postMessage(…)`.
+  /// Lets scripts of the own world send messages:
+  /// `window.webkit.messageHandlers.NAME.postMessage(…)`.
   virtual void addMessageHandler(const std::string& name) = 0;
+
+  /// Whether the view tells of each request that is blocked. If it does not, only what pages are
+  /// told themselves is known of.
+  virtual bool tellsWhatIsBlocked() const = 0;
 
   /// Loads an absolute URL. When no answer comes for a minute, it fails.
   virtual void load(const std::string& url) = 0;

@@ -12,8 +12,9 @@ namespace tamsel::test {
 class FakeWebView : public WebView {
  public:
   void setDelegate(Delegate* newDelegate) override { delegate = newDelegate; }
-  void addScript(const std::string& source) override { scripts.push_back(source); }
+  void addScript(const std::string& source, World) override { scripts.push_back(source); }
   void addMessageHandler(const std::string& name) override { messageHandlers.push_back(name); }
+  bool tellsWhatIsBlocked() const override { return tellsBlocked; }
   void load(const std::string& url) override {
     address = url;
     done.push_back("load " + url);
@@ -40,7 +41,7 @@ class FakeWebView : public WebView {
   Delegate* delegate = nullptr;
   std::vector<std::string> done, scripts, messageHandlers;
   std::string page, address, heading;
-  bool loading = false;
+  bool loading = false, tellsBlocked = false;
 };
 
 }  // namespace tamsel::test

@@ -10,6 +10,7 @@
 #include "platform/files/Files.h"
 #include "platform/rulestore/WebKitRuleListStore.h"
 #include "platform/webview/WebKitView.h"
+#include "platform/webview/extension/Protocol.h"
 #include "state/Persisted.h"
 #include "state/StarterList.h"
 #include "tests/support/AppFakes.h"
@@ -22,7 +23,7 @@ namespace tamsel::test {
 class RealBrowser {
  public:
   /// The application begins with these filter lines and no list but the starter list, switched off.
-  explicit RealBrowser(const std::string& rules = {}, WebKitView::Options options = {}) {
+  explicit RealBrowser(const std::string& rules = {}, WebKitView::Options options = plain()) {
     FilterList starter{.id = Starter::id,
                        .name = std::string(Starter::name),
                        .text = Starter::text,
@@ -30,6 +31,9 @@ class RealBrowser {
     starter.enabled = false;
     start(Persisted{{starter}, rules, {}}.encode(), options);
   }
+
+  /// With the module for the web processes, on which the count stands.
+  static WebKitView::Options plain() { return {.moduleFolder = TAMSEL_MODULE_PATH}; }
 
   /// As on a first start.
   static std::unique_ptr<RealBrowser> withStarterList() {
@@ -48,7 +52,7 @@ class RealBrowser {
 
   AppState& app() { return *app_; }
   BrowserModel& model() { return *model_; }
-  WebKitWebView* webKit() { return WEBKIT_WEB_VIEW(model_->webView->widget()); }
+  WebKitWebView* webKit() { return dynamic_cast<WebKitView&>(*model_->webView).webKit(); }
 
   /// Until the page is complete, and all that it reported is evaluated.
   void awaitPage() {
@@ -63,15 +67,16 @@ class RealBrowser {
     awaitPage();
   }
 
-  /// What a script of the page's comes to, which may be a promise, as text.
-  std::string evaluate(const std::string& script) {
+  /// What a script of the page's comes to, which may be a promise, as text; or of a world of its
+  /// own.
+  std::string evaluate(const std::string& script, const char* world = nullptr) {
     struct Answer {
       bool isThere = false;
       std::string text;
     } answer;
     const std::string body = "return String(await (" + script + "))";
     webkit_web_view_call_async_javascript_function(
-        webKit(), body.c_str(), -1, nullptr, nullptr, nullptr, nullptr,
+        webKit(), body.c_str(), -1, nullptr, world, nullptr, nullptr,
         [](GObject* view, GAsyncResult* result, gpointer data) {
           GError* error = nullptr;
           JSCValue* value = webkit_web_view_call_async_javascript_function_finish(
@@ -93,20 +98,30 @@ class RealBrowser {
     return answer.text;
   }
 
-  /// Until what the page sent so far has arrived and is evaluated.
+  /// Until what the page, and WebKit about it, sent so far has arrived and is evaluated.
   void settle() {
     // A script's answer comes after the messages that were sent before it.
     evaluate("0");
+    if (model_->webView->tellsWhatIsBlocked()) {
+      bool isAnswered = false;
+      webkit_web_view_send_message_to_page(
+          webKit(), webkit_user_message_new(WebProcess::flush, nullptr), nullptr,
+          [](GObject*, GAsyncResult*, gpointer data) { *static_cast<bool*>(data) = true; },
+          &isAnswered);
+      runUntil([&isAnswered] { return isAnswered; });
+    }
     runUntil([this] { return !model_->isEvaluating(); });
   }
 
  private:
   struct FirstStart {};
-  explicit RealBrowser(FirstStart) { start("", {}); }
+  explicit RealBrowser(FirstStart) { start("", plain()); }
 
   void start(const std::string& state, WebKitView::Options options) {
     if (!state.empty()) Files::replace(folder_.path() + "/state.json", state);
-    session_ = webkit_network_session_new_ephemeral();
+    // In one that keeps nothing, WebKit does not tell what it blocks.
+    session_ = webkit_network_session_new((folder_.path() + "/data").c_str(),
+                                          (folder_.path() + "/cache").c_str());
     WebKitNetworkProxySettings* proxy =
         webkit_network_proxy_settings_new(sites.url().c_str(), nullptr);
     webkit_network_session_set_proxy_settings(session_, WEBKIT_NETWORK_PROXY_MODE_CUSTOM, proxy);

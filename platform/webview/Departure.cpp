@@ -1,0 +1,75 @@
+#include "platform/webview/Departure.h"
+
+#include <string_view>
+#include <utility>
+
+#include "platform/webview/extension/Protocol.h"
+
+namespace tamsel {
+namespace {
+
+// What WebKit loads instead of an address that it does not know what to do with.
+constexpr std::string_view emptyPage = "about:blank";
+
+std::string_view withoutFragment(std::string_view url) {
+  return url.substr(0, url.find('#'));
+}
+
+}  // namespace
+
+Departure::Departure(WebKitWebView* page, std::chrono::milliseconds patience,
+                     std::function<void()> onStuck, std::function<void()> again)
+    : patience_(patience), onStuck_(std::move(onStuck)), again_(std::move(again)) {
+  const auto onAnswer = [](GObject* view, GAsyncResult* result, gpointer self) {
+    GError* error = nullptr;
+    JSCValue* value = webkit_web_view_call_async_javascript_function_finish(WEBKIT_WEB_VIEW(view),
+                                                                            result, &error);
+    if (value != nullptr) g_object_unref(value);
+    // Then this is gone.
+    const bool isDestroyed = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
+    // Any other error, for instance that the page is gone, is as good as an answer.
+    g_clear_error(&error);
+    if (!isDestroyed) static_cast<Departure*>(self)->isAnswered_ = true;
+  };
+  webkit_web_view_call_async_javascript_function(page, "return 0", -1, nullptr, WebProcess::world,
+                                                 nullptr, question_.get(), onAnswer, this);
+  resume();
+}
+
+Departure::~Departure() {
+  pause();
+  g_cancellable_cancel(question_.get());
+}
+
+bool Departure::isHinderedBy(WebKitNavigationAction* action) {
+  if (url_.empty() || webkit_navigation_action_is_redirect(action) != FALSE) return false;
+  const char* text =
+      webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
+  const std::string_view url = text == nullptr ? "" : text;
+  if (url == emptyPage || withoutFragment(url) == withoutFragment(url_)) return false;
+  isHindered_ = true;
+  return true;
+}
+
+void Departure::pause() {
+  if (const guint timer = std::exchange(timer_, 0); timer != 0) g_source_remove(timer);
+}
+
+void Departure::resume() {
+  pause();
+  const auto onTime = [](gpointer self) -> gboolean {
+    static_cast<Departure*>(self)->onPatienceEnded();
+    return G_SOURCE_REMOVE;
+  };
+  timer_ = g_timeout_add(static_cast<guint>(patience_.count()), onTime, this);
+}
+
+void Departure::onPatienceEnded() {
+  timer_ = 0;
+  const bool isLet = isAnswered_ && (hasBegun_ || !isHindered_);
+  if (isLet) return;
+  const auto onStuck = onStuck_;
+  onStuck();
+}
+
+}  // namespace tamsel
