@@ -80,6 +80,8 @@ Gtk::Widget& BrowserView::makeStatusRow() {
   content->append(*blockedText_);
   blocked_.set_child(*content);
   blocked_.set_popover(popover_);
+  popover_.chosen.connect(
+      [this](const std::string& url) { blockedChosen.emit(url, browser_.webView->url()); });
   // The button within is what has the focus.
   setLabel(blocked_, *blockedText_);
   setLabel(*blocked_.get_first_child(), *blockedText_);

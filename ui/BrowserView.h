@@ -20,6 +20,9 @@ class BrowserView : public Gtk::Box {
  public:
   BrowserView(AppState& app, BrowserModel& browser);
 
+  /// The user has chosen a blocked request of the page that is shown.
+  sigc::signal<void(const std::string& url, const std::string& pageURL)> blockedChosen;
+
  private:
   Gtk::Widget& makeToolbar();
   Gtk::Widget& makeStatusRow();

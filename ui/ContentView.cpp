@@ -43,12 +43,19 @@ void hideOtherWidths(AdwSqueezer* names) {
 ContentView::ContentView(AppState& app, BrowserModel& browser)
     : Gtk::Box(Gtk::Orientation::VERTICAL) {
   auto* tabs = ADW_VIEW_STACK(adw_view_stack_new());
-  addTab(tabs, *Gtk::make_managed<BrowserView>(app, browser), "Browser", "safari");
+  auto* browserView = Gtk::make_managed<BrowserView>(app, browser);
+  auto* tester = Gtk::make_managed<TesterView>(app);
+  addTab(tabs, *browserView, "Browser", "safari");
   addTab(tabs, *Gtk::make_managed<ListsView>(app), "Lists", "list.bullet");
   addTab(tabs, *Gtk::make_managed<RulesView>(app), "Rules", "shield.lefthalf.filled");
-  addTab(tabs, *Gtk::make_managed<TesterView>(app), "URL Tester", "magnifyingglass");
+  addTab(tabs, *tester, "URL Tester", "magnifyingglass");
   addTab(tabs, *Gtk::make_managed<CustomRulesView>(app), "Custom Rules",
          "pencil.and.list.clipboard");
+  browserView->blockedChosen.connect(
+      [tabs, tester](const std::string& url, const std::string& pageURL) {
+        adw_view_stack_set_visible_child(tabs, GTK_WIDGET(tester->gobj()));
+        tester->ask(url, pageURL);
+      });
   hideOtherTabs(tabs);
   g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(hideOtherTabs), nullptr);
 

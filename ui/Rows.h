@@ -6,11 +6,15 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 
 #include "ui/RowModel.h"
 #include "ui/Widgets.h"
 
 namespace tamsel {
+
+/// Whether the lines of a list are only read, or can be chosen as well.
+enum class Lines { areRead, canBeChosen };
 
 /// The rows of a list or a column over a RowModel: widgets of one kind, of which only those on
 /// screen exist. They are drawn when they come on screen, and by `draw`.
@@ -24,9 +28,10 @@ class Rows {
 
   /// `make` makes a managed widget; `drawRow` has it show what belongs to a position; `label`, if
   /// there is one, tells what names the row for those who cannot see it.
-  Rows(Make make, Draw drawRow, Label label = {}) : draw_(std::move(drawRow)) {
-    factory_->signal_setup().connect([make](const Glib::RefPtr<Gtk::ListItem>& item) {
-      item->set_activatable(false);
+  Rows(Make make, Draw drawRow, Label label = {}, Lines lines = Lines::areRead)
+      : draw_(std::move(drawRow)) {
+    factory_->signal_setup().connect([make, lines](const Glib::RefPtr<Gtk::ListItem>& item) {
+      item->set_activatable(lines == Lines::canBeChosen);
       item->set_child(*make());
     });
     factory_->signal_bind().connect([this, label](const Glib::RefPtr<Gtk::ListItem>& item) {
@@ -43,6 +48,14 @@ class Rows {
   Rows& operator=(const Rows&) = delete;
 
   const Glib::RefPtr<Gtk::SignalListItemFactory>& factory() const { return factory_; }
+
+  /// The position of the row in this widget of the toolkit's; nothing if there is none in it.
+  std::optional<guint> positionIn(const Gtk::Widget& line) const {
+    for (const auto& [row, position] : shown_) {
+      if (row->get_parent() == &line) return position;
+    }
+    return std::nullopt;
+  }
 
   /// Draws the rows that are shown.
   void draw() {

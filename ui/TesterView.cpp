@@ -20,8 +20,8 @@ namespace {
 
 constexpr int padding = 12;
 constexpr int typeWidth = 190;
-constexpr std::array types{"image", "script", "style-sheet", "font",
-                           "raw",   "media",  "document",    "popup"};
+constexpr std::array typeNames{"image", "script", "style-sheet", "font",
+                               "raw",   "media",  "document",    "popup"};
 
 struct Headline {
   const char* text;
@@ -29,12 +29,36 @@ struct Headline {
   bool isBlocked;
 };
 
+bool isBlocked(const Engine::Verdict& verdict) {
+  return verdict.block && !verdict.exception;
+}
+
 Headline headline(const Engine::Verdict& verdict) {
   if (!verdict.block) {
     return {"No network rule matches — request is allowed", "checkmark.circle", false};
   }
-  if (!verdict.exception) return {"Would be blocked", "xmark.octagon.fill", true};
+  if (isBlocked(verdict)) return {"Would be blocked", "xmark.octagon.fill", true};
   return {"Allowed by an exception", "checkmark.circle.fill", false};
+}
+
+struct Answer {
+  Engine::Verdict verdict;
+  // Of the names above.
+  guint type;
+};
+
+// Under the first type that is blocked; if there is none, the first that only an exception allows;
+// else the one that is chosen.
+Answer answerForAllTypes(const Engine& engine, std::string_view url,
+                         std::optional<std::string_view> page, guint chosen) {
+  std::optional<Answer> allowed;
+  for (guint type = 0; type < typeNames.size(); ++type) {
+    Answer answer{engine.evaluate(url, page, typeNames.at(type)), type};
+    if (isBlocked(answer.verdict)) return answer;
+    if (answer.verdict.block && !allowed) allowed = std::move(answer);
+  }
+  if (allowed) return std::move(*allowed);
+  return {engine.evaluate(url, page, typeNames.at(chosen)), chosen};
 }
 
 }  // namespace
@@ -78,7 +102,7 @@ Gtk::Widget& TesterView::makeForm() {
     entry.set_hexpand();
     entry.set_input_purpose(Gtk::InputPurpose::URL);
     setAccessibleName(entry, name);
-    entry.signal_activate().connect([this] { start(); });
+    entry.signal_activate().connect([this] { start(Types::chosen); });
   };
   prepare(url_, "Request URL", "Request URL",
           "https://" + std::string(Starter::Hosts::ads) + "/banner.png");
@@ -90,13 +114,13 @@ Gtk::Widget& TesterView::makeForm() {
   row->append(page_);
   Gtk::Label* label = makeLabel("Type", TextStyle::body);
   row->append(*label);
-  type_.set_model(Gtk::StringList::create({types.begin(), types.end()}));
+  type_.set_model(Gtk::StringList::create({typeNames.begin(), typeNames.end()}));
   type_.set_size_request(typeWidth, -1);
   setLabel(type_, *label);
   row->append(type_);
   auto* button = Gtk::make_managed<Gtk::Button>("Test");
   button->add_css_class("suggested-action");
-  button->signal_clicked().connect([this] { start(); });
+  button->signal_clicked().connect([this] { start(Types::chosen); });
   // Of the window, but only while this tab is shown.
   const auto makeDefault = [button](Gtk::Widget* widget) {
     auto* window = dynamic_cast<Gtk::Window*>(button->get_root());
@@ -136,22 +160,32 @@ Gtk::Widget& TesterView::makeResult() {
   return *room;
 }
 
-void TesterView::start() {
-  tests_.add(test());
+void TesterView::ask(const std::string& url, const std::string& pageURL) {
+  url_.set_text(editable(url));
+  page_.set_text(editable(pageURL));
+  // What is shown is about another request.
+  resultPane_->set_visible(false);
+  start(Types::all);
 }
 
-Task<void> TesterView::test() {
+void TesterView::start(Types types) {
+  test_ = test(types);
+}
+
+Task<void> TesterView::test(Types types) {
   std::shared_ptr<const Engine> engine = app_.engine();
   if (engine == nullptr) co_return;
   auto evaluating = detached([engine = std::move(engine),
                               url = std::string(Unicode::stripped(url_.get_text().raw())),
                               page = std::string(Unicode::stripped(page_.get_text().raw())),
-                              type = std::string(types.at(type_.get_selected()))] {
+                              chosen = type_.get_selected(), types] {
     const auto pageURL = page.empty() ? std::nullopt : std::optional<std::string_view>(page);
-    return engine->evaluate(url, pageURL, type);
+    if (types == Types::all) return answerForAllTypes(*engine, url, pageURL, chosen);
+    return Answer{engine->evaluate(url, pageURL, typeNames.at(chosen)), chosen};
   });
-  const Engine::Verdict verdict = co_await evaluating;
-  show(verdict);
+  const Answer answer = co_await evaluating;
+  if (types == Types::all) type_.set_selected(answer.type);
+  show(answer.verdict);
 }
 
 void TesterView::show(const Engine::Verdict& verdict) {

@@ -32,11 +32,16 @@ class TesterView : public Gtk::Box {
  public:
   explicit TesterView(AppState& app);
 
+  /// Tests this request of this page, and chooses the type under which it is blocked.
+  void ask(const std::string& url, const std::string& pageURL);
+
  private:
+  enum class Types { chosen, all };
+
   Gtk::Widget& makeForm();
   Gtk::Widget& makeResult();
-  void start();
-  Task<void> test();
+  void start(Types types);
+  Task<void> test(Types types);
   void show(const Engine::Verdict& verdict);
 
   AppState& app_;
@@ -48,7 +53,8 @@ class TesterView : public Gtk::Box {
   Gtk::Label* headline_ = nullptr;
   RuleRow first_, second_;
   Gtk::Label* thirdParty_ = nullptr;
-  TaskScope tests_;
+  // The latest: what comes of one before it is not shown.
+  Task<void> test_;
 };
 
 }  // namespace tamsel

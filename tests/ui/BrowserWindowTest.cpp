@@ -17,16 +17,44 @@ namespace {
 
 using test::AccessibleApp;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 class BrowserWindowTest : public test::WindowTest {
  protected:
-  void browse(const std::string& url) {
+  static constexpr const char* blockedButton = "4 blocked on this page";
+
+  void editAddress() {
     // A key that comes before the window has the focus is lost.
     await("the address to be selected", [this] {
       AccessibleApp::press("<Control>l");
       return window().isFocused("Address");
     });
+  }
+  void browse(const std::string& url) {
+    editAddress();
     AccessibleApp::type(url + "\n");
+  }
+
+  // What was blocked on the demo page, once a line has the focus.
+  std::vector<std::string> openBlocked() {
+    awaitCount("4");
+    editAddress();
+    window().act(ATSPI_ROLE_PUSH_BUTTON, blockedButton);
+    await("a line", [this] { return window().focused().starts_with("https://"); });
+    std::vector<std::string> lines = window().labels();
+    std::erase_if(lines, [](const std::string& text) { return !text.starts_with("https://"); });
+    return lines;
+  }
+  // What has the focus after this key.
+  std::string pressed(const std::string& key, const std::string& before) {
+    EXPECT_EQ(window().focused(), before);
+    AccessibleApp::press(key);
+    std::string now;
+    await("the focus to move", [&] {
+      now = window().focused();
+      return !now.empty() && now != before;
+    });
+    return now;
   }
 };
 
@@ -48,6 +76,45 @@ TEST_F(BrowserWindowTest, ShowsTheDemoPageAndPausesItsSite) {
   EXPECT_THAT(state(), HasSubstr(R"("pausedSites":["example.org"])"));
   window().act(ATSPI_ROLE_CHECK_BOX, "Pause on example.org");
   awaitCount("4");
+}
+
+// The exact type: the request is blocked as a script only.
+TEST_F(BrowserWindowTest, TestsTheBlockedRequestThatIsChosen) {
+  const std::string url = "https://googletagmanager.com/gtag/js?id=G-DEMO";
+  std::string line = openBlocked().front();
+  while (line != url) line = pressed("Down", line);
+  AccessibleApp::press("Return");
+  awaitText("Would be blocked");
+  EXPECT_EQ(window().textOf("Request URL"), url);
+  EXPECT_EQ(window().textOf("Page URL"), "https://example.org/");
+  EXPECT_TRUE(window().find(ATSPI_ROLE_LABEL, "script"));
+  EXPECT_TRUE(window().find(ATSPI_ROLE_LABEL, "Rule: ||googletagmanager.com^$script"));
+}
+
+TEST_F(BrowserWindowTest, CopiesBlockedRequests) {
+  const auto expectCopied = [this](const std::string& text) {
+    AccessibleApp::press("Tab");
+    await("the button", [this] { return window().focused() == blockedButton; });
+    editAddress();
+    AccessibleApp::press("<Control>v");
+    await(text, [&] { return window().textOf("Address") == text; });
+  };
+  const std::vector<std::string> lines = openBlocked();
+  AccessibleApp::press("<Control>c");
+  expectCopied(lines.front());
+
+  openBlocked();
+  pressed("Down", lines.at(0));
+  pressed("Menu", lines.at(1));
+  EXPECT_THAT(window().namelessControls(), IsEmpty());
+  pressed("Return", "Copy");
+  expectCopied(lines.at(1));
+
+  openBlocked();
+  pressed("Menu", lines.at(1));
+  pressed("Down", "Copy");
+  pressed("Return", "Copy All");
+  expectCopied(lines.at(0) + "\n" + lines.at(1) + "\n" + lines.at(2) + "\n" + lines.at(3));
 }
 
 TEST_F(BrowserWindowTest, AppliesCustomRules) {
