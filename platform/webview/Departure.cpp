@@ -1,5 +1,6 @@
 #include "platform/webview/Departure.h"
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -42,13 +43,15 @@ Departure::~Departure() {
 }
 
 bool Departure::isHinderedBy(WebKitNavigationAction* action) {
-  if (url_.empty() || webkit_navigation_action_is_redirect(action) != FALSE) return false;
-  const char* text =
-      webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
+  if (urls_.empty() || webkit_navigation_action_is_redirect(action) != FALSE) return false;
+  const char* text = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
   const std::string_view url = text == nullptr ? "" : text;
-  if (url == emptyPage || withoutFragment(url) == withoutFragment(url_)) return false;
-  isHindered_ = true;
-  return true;
+  const auto isIt = [url](const std::string& wanted) {
+    return withoutFragment(url) == withoutFragment(wanted);
+  };
+  const bool isElsewhere = url != emptyPage && std::none_of(urls_.begin(), urls_.end(), isIt);
+  isHindered_ = isHindered_ || isElsewhere;
+  return isElsewhere;
 }
 
 void Departure::pause() {

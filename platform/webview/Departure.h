@@ -6,6 +6,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace tamsel {
 
@@ -24,8 +26,8 @@ class Departure {
 
   const std::function<void()>& again() const { return again_; }
 
-  /// Where it leads; nowhere if this is not called.
-  void leadTo(std::string url) { url_ = std::move(url); }
+  /// Where it leads, in the ways that this may be written; nowhere if this is not called.
+  void leadTo(std::vector<std::string> urls) { urls_ = std::move(urls); }
 
   /// Whether the page begins to go somewhere else, which is to be ignored.
   bool isHinderedBy(WebKitNavigationAction* action);
@@ -46,7 +48,7 @@ class Departure {
 
   std::chrono::milliseconds patience_;
   std::function<void()> onStuck_, again_;
-  std::string url_;
+  std::vector<std::string> urls_;
   bool isAnswered_ = false, hasBegun_ = false, isHindered_ = false;
   guint timer_ = 0;
   std::unique_ptr<GCancellable, Unref> question_{g_cancellable_new()};

@@ -57,6 +57,26 @@ class ScriptMessage : public WebView::Message {
   JSCValue* value_;
 };
 
+// Whether WebKit would run the address in the page that is shown. It leaves out of an address what
+// cannot be seen.
+bool isScript(const std::string& url) {
+  std::string scheme;
+  for (const char c : url.substr(0, url.find(':'))) {
+    if (static_cast<unsigned char>(c) > ' ') scheme += g_ascii_tolower(c);
+  }
+  return scheme == "javascript";
+}
+
+// What a file would be called.
+std::string fileName(WebKitURIResponse* response) {
+  const std::string suggested = text(webkit_uri_response_get_suggested_filename(response));
+  if (!suggested.empty()) return suggested;
+  const std::string url = text(webkit_uri_response_get_uri(response));
+  const std::string path = url.substr(0, url.find_first_of("?#"));
+  const std::string name = path.substr(path.rfind('/') + 1);  // npos + 1 is 0
+  return name.empty() ? url : name;
+}
+
 // Downloads and other windows.
 void removeWhatThereIsNot(WebKitContextMenu* menu) {
   constexpr std::array actions = {
@@ -303,9 +323,7 @@ void WebKitView::onBlocked(GVariant* message) {
 }
 
 void WebKitView::load(const std::string& url) {
-  const std::optional<Address> address = Address::parse(url);
-  // In place of a page WebKit would run it in the one that is shown.
-  if (address && g_ascii_strcasecmp(address->scheme.c_str(), "javascript") == 0) {
+  if (isScript(url)) {
     return fail({.message = "An address that is a script is not run.", .url = url});
   }
   depart([this, url] { begin({.url = url, .text = std::nullopt}); });
@@ -325,7 +343,7 @@ void WebKitView::depart(const std::function<void()>& action) {
   isLeaving_ = false;
   action();
   watchDeparture(patienceToLeave, action);
-  departure_->leadTo(url());
+  departure_->leadTo({url(), pending_ ? pending_->url : url()});
 }
 
 void WebKitView::watchDeparture(std::chrono::milliseconds patience, std::function<void()> again) {
@@ -340,6 +358,7 @@ void WebKitView::watchDeparture(std::chrono::milliseconds patience, std::functio
 void WebKitView::endProcess() {
   isProvisional_ = false;
   repetition_.reset();
+  isEnded_ = true;
   webkit_web_view_terminate_web_process(view_.get());
 }
 
@@ -370,6 +389,9 @@ void WebKitView::reloadNow() {
     // A page on its way, by a link or a script, needs no second request.
   } else if (isTextShown_) {
     begin({.url = text_->baseURL, .text = *text_});
+  } else if (isEnded_) {
+    // To reload, WebKit would take it as it was from its cache.
+    begin({.url = shownURL_, .text = std::nullopt});
   } else {
     willNavigate(url());
     webkit_web_view_reload(view_.get());
@@ -467,6 +489,8 @@ void WebKitView::willNavigate(const std::string& url) {
 }
 
 void WebKitView::changed() {
+  // When the page's process has gone, WebKit knows nothing of it any more.
+  if (!isEnded_ && !isProvisional_ && !url().empty()) shownURL_ = url();
   // From one request to its repetition nothing happens that anybody need know.
   if (delegate_ != nullptr && repetition_ == nullptr) delegate_->didChange();
 }
@@ -485,6 +509,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
       break;
     case WEBKIT_LOAD_COMMITTED:
       isProvisional_ = false;
+      isEnded_ = isUnresponsive_ = false;
       departure_.reset();
       stopAwaitingAnswer();
       repetitions_ = 0;
@@ -501,7 +526,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
     case WEBKIT_LOAD_FINISHED:
       isProvisional_ = false;
       if (repetition_ != nullptr) return repeat();
-      changed();
+      onLoadingChanged();
       break;
   }
 }
@@ -521,8 +546,8 @@ void WebKitView::onLoadFailed(const std::string& url, const GError& error) {
   if (isBlocked && ruleList_ != nullptr) {
     willNavigate(url);
     if (ruleList_ == nullptr) {
-      load(url);
-      return;
+      departure_.reset();
+      return begin({.url = url, .text = std::nullopt});
     }
   }
   Failure failure{.message = error.message, .url = url, .isCancelled = isCancelled};
@@ -577,8 +602,7 @@ bool WebKitView::isWanted(WebKitPolicyDecision* decision, WebKitPolicyDecisionTy
   // They say that there is nothing to show.
   if (status == SOUP_STATUS_NO_CONTENT || status == SOUP_STATUS_RESET_CONTENT) return false;
   if (webkit_response_policy_decision_is_mime_type_supported(answer) == FALSE) {
-    const std::string name = text(webkit_uri_response_get_suggested_filename(response));
-    refuseDownload(name.empty() ? text(webkit_uri_response_get_uri(response)) : name);
+    refuseDownload(fileName(response));
     return false;
   }
   if (webkit_response_policy_decision_is_main_frame_main_resource(answer) != FALSE) {
@@ -622,7 +646,7 @@ WebKitBackForwardListItem* WebKitView::itemOf(const std::string& url) const {
 
 void WebKitView::repeat() {
   const std::string url = text(webkit_uri_request_get_uri(repetition_.get()));
-  if (departure_ != nullptr) departure_->leadTo(url);
+  if (departure_ != nullptr) departure_->leadTo({url});
   WebKitBackForwardListItem* item = lastMove_ == url ? itemOf(url) : nullptr;
   if (item != nullptr) {
     moveTo(item);
@@ -655,6 +679,7 @@ void WebKitView::openInThisView(WebKitURIRequest* request) {
 void WebKitView::onProcessEnded(WebKitWebProcessTerminationReason reason) {
   // The program's own doing: what it does next tells why.
   if (reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API) return;
+  isEnded_ = true;
   fail({.message = reason == WEBKIT_WEB_PROCESS_EXCEEDED_MEMORY_LIMIT
                        ? "The page was closed because it took too much memory. Reload to try again."
                        : "The page crashed. Reload to try again."});
@@ -673,10 +698,12 @@ void WebKitView::onResponsivenessChanged() {
 
 // A move within a page is no load, and only this tells of its end.
 void WebKitView::onLoadingChanged() {
-  if (isLoading() || isProvisional_ || repetition_ != nullptr) return;
-  pending_.reset();
-  stopsAtStart_ = false;
-  stopAwaitingAnswer();
+  if (isProvisional_ || repetition_ != nullptr) return;
+  if (!isLoading()) {
+    pending_.reset();
+    stopsAtStart_ = false;
+    stopAwaitingAnswer();
+  }
   changed();
 }
 
@@ -705,13 +732,15 @@ void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
   }
   const std::shared_ptr<WebKitScriptDialog> kept(webkit_script_dialog_ref(dialog),
                                                  webkit_script_dialog_unref);
-  dialogs_->ask(std::move(question), [this, kept, type](const PageDialogs::Answer& answer) {
+  // Within this call it closes by itself.
+  const auto closes = std::make_shared<bool>(false);
+  dialogs_->ask(std::move(question), [this, kept, type, closes](const PageDialogs::Answer& answer) {
     if (type == WEBKIT_SCRIPT_DIALOG_PROMPT) {
       if (answer.isAccepted) webkit_script_dialog_prompt_set_text(kept.get(), answer.field.c_str());
     } else if (type != WEBKIT_SCRIPT_DIALOG_ALERT) {
       webkit_script_dialog_confirm_set_confirmed(kept.get(), answer.isAccepted ? TRUE : FALSE);
     }
-    webkit_script_dialog_close(kept.get());
+    if (*closes) webkit_script_dialog_close(kept.get());
     if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM && !answer.isAccepted) {
       // WebKit itself would go on loading for ever.
       pending_.reset();
@@ -721,6 +750,7 @@ void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
       stayOnPage();
     }
   });
+  *closes = true;
 }
 
 void WebKitView::onAuthenticate(WebKitAuthenticationRequest* request) {
@@ -731,8 +761,9 @@ void WebKitView::onAuthenticate(WebKitAuthenticationRequest* request) {
                           scheme == WEBKIT_AUTHENTICATION_SCHEME_NTLM ||
                           scheme == WEBKIT_AUTHENTICATION_SCHEME_HTML_FORM;
   if (!isPassword) return webkit_authentication_request_cancel(request);
-  const std::string port = std::to_string(webkit_authentication_request_get_port(request));
-  const std::string host = text(webkit_authentication_request_get_host(request)) + ":" + port;
+  const guint port = webkit_authentication_request_get_port(request);
+  const std::string host = text(webkit_authentication_request_get_host(request)) +
+                           (port == 0 ? "" : ":" + std::to_string(port));
   const std::string realm = text(webkit_authentication_request_get_realm(request));
   PageDialogs::Question question{.heading = "Sign in to " + host,
                                  .text = {},
@@ -750,7 +781,8 @@ void WebKitView::onAuthenticate(WebKitAuthenticationRequest* request) {
   const std::shared_ptr<WebKitAuthenticationRequest> kept(
       WEBKIT_AUTHENTICATION_REQUEST(g_object_ref(request)), Unref());
   dialogs_->ask(std::move(question), [kept](const PageDialogs::Answer& answer) {
-    if (!answer.isAccepted) return webkit_authentication_request_cancel(kept.get());
+    // Without one, the site shows what it has for strangers.
+    if (!answer.isAccepted) return webkit_authentication_request_authenticate(kept.get(), nullptr);
     WebKitCredential* credential =
         webkit_credential_new(answer.field.c_str(), answer.password.c_str(),
                               WEBKIT_CREDENTIAL_PERSISTENCE_FOR_SESSION);

@@ -165,6 +165,9 @@ class WebKitView : public WebView {
   bool isLeaving_ = false;
   // While a person is asked something, no time passes; then the wait for an answer begins anew.
   bool resumesAwaiting_ = false;
+  // The page's process crashed or was ended, and the page is still to be seen.
+  bool isEnded_ = false;
+  std::string shownURL_;
   // The page's process does not answer, and the delegate was told so.
   bool isUnresponsive_ = false;
   // In every web process that runs: it is the first thing that one says.
