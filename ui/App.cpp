@@ -66,10 +66,15 @@ void TamselApp::openWindow() {
   httpClient_ = std::make_unique<SoupHttpClient>();
   savePanel_ = std::make_unique<GtkSavePanel>(
       [this] { return window_ == nullptr ? nullptr : window_->gobj(); });
-  auto newBrowser = std::make_unique<BrowserModel>(std::make_unique<WebKitView>());
+  const std::string supportDir = AppState::userSupportDir();
+  WebKitNetworkSession* session = WebKitView::makeSession(
+      supportDir + "/Browser", std::string(g_get_user_cache_dir()) + "/Tamsel/Browser");
+  auto newBrowser = std::make_unique<BrowserModel>(
+      std::make_unique<WebKitView>(WebKitView::Options{.session = session}));
+  g_object_unref(session);
   BrowserModel& browser = *newBrowser;
   app_ = std::make_unique<AppState>(AppState::Platform{
-      .supportDir = AppState::userSupportDir(),
+      .supportDir = supportDir,
       .ruleListStore = *ruleListStore_,
       .httpClient = *httpClient_,
       .savePanel = *savePanel_,

@@ -18,22 +18,21 @@ std::string_view withoutFragment(std::string_view url) {
 
 }  // namespace
 
-Departure::Departure(WebKitWebView* page, std::chrono::milliseconds patience,
-                     std::function<void()> onStuck, std::function<void()> again)
-    : patience_(patience), onStuck_(std::move(onStuck)), again_(std::move(again)) {
-  const auto onAnswer = [](GObject* view, GAsyncResult* result, gpointer self) {
+Departure::Departure(WebKitWebView* page, std::chrono::milliseconds patience, OnEnd onEnd,
+                     std::function<void()> again)
+    : patience_(patience), onEnd_(std::move(onEnd)), again_(std::move(again)) {
+  const auto onResult = [](GObject* view, GAsyncResult* result, gpointer self) {
     GError* error = nullptr;
     JSCValue* value = webkit_web_view_call_async_javascript_function_finish(WEBKIT_WEB_VIEW(view),
                                                                             result, &error);
     if (value != nullptr) g_object_unref(value);
-    // Then this is gone.
     const bool isDestroyed = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
     // Any other error, for instance that the page is gone, is as good as an answer.
     g_clear_error(&error);
-    if (!isDestroyed) static_cast<Departure*>(self)->isAnswered_ = true;
+    if (!isDestroyed) static_cast<Departure*>(self)->onAnswer();
   };
   webkit_web_view_call_async_javascript_function(page, "return 0", -1, nullptr, WebProcess::world,
-                                                 nullptr, question_.get(), onAnswer, this);
+                                                 nullptr, question_.get(), onResult, this);
   resume();
 }
 
@@ -42,16 +41,24 @@ Departure::~Departure() {
   g_cancellable_cancel(question_.get());
 }
 
+bool Departure::leadsTo(std::string_view url) const {
+  return url == emptyPage || std::any_of(urls_.begin(), urls_.end(), [url](const auto& wanted) {
+           return withoutFragment(url) == withoutFragment(wanted);
+         });
+}
+
 bool Departure::isHinderedBy(WebKitNavigationAction* action) {
   if (urls_.empty() || webkit_navigation_action_is_redirect(action) != FALSE) return false;
-  const char* text = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
-  const std::string_view url = text == nullptr ? "" : text;
-  const auto isIt = [url](const std::string& wanted) {
-    return withoutFragment(url) == withoutFragment(wanted);
-  };
-  const bool isElsewhere = url != emptyPage && std::none_of(urls_.begin(), urls_.end(), isIt);
-  isHindered_ = isHindered_ || isElsewhere;
-  return isElsewhere;
+  const char* url = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
+  if (leadsTo(url == nullptr ? "" : url)) return false;
+  isHindered_ = true;
+  return true;
+}
+
+bool Departure::endsAt(std::string_view url) {
+  if (urls_.empty() || leadsTo(url) || (isRedirected_ && !isHindered_)) return true;
+  isHindered_ = true;
+  return false;
 }
 
 void Departure::pause() {
@@ -67,12 +74,18 @@ void Departure::resume() {
   timer_ = g_timeout_add(static_cast<guint>(patience_.count()), onTime, this);
 }
 
+void Departure::onAnswer() {
+  isAnswered_ = true;
+  // To stop is no more than that.
+  if (!urls_.empty()) return;
+  const OnEnd onEnd = onEnd_;
+  onEnd(End::let);
+}
+
 void Departure::onPatienceEnded() {
   timer_ = 0;
-  const bool isLet = isAnswered_ && (hasBegun_ || !isHindered_);
-  if (isLet) return;
-  const auto onStuck = onStuck_;
-  onStuck();
+  const OnEnd onEnd = onEnd_;
+  onEnd(isAnswered_ && !isHindered_ ? End::let : End::stuck);
 }
 
 }  // namespace tamsel

@@ -6,7 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
 
 namespace tamsel {
@@ -16,9 +16,17 @@ namespace tamsel {
 /// main thread.
 class Departure {
  public:
-  /// The page is asked at once. `onStuck` is called when it has not let the program go in this
-  /// time; this may be destroyed in it. `again` is what to do when the page has been ended.
-  Departure(WebKitWebView* page, std::chrono::milliseconds patience, std::function<void()> onStuck,
+  enum class End {
+    /// The page has stopped, or time has passed and nothing speaks against going on.
+    let,
+    /// The page has to be ended.
+    stuck,
+  };
+  /// May destroy the departure.
+  using OnEnd = std::function<void(End)>;
+
+  /// The page is asked at once. `again` is what to do when the page has been ended.
+  Departure(WebKitWebView* page, std::chrono::milliseconds patience, OnEnd onEnd,
             std::function<void()> again);
   ~Departure();
   Departure(const Departure&) = delete;
@@ -26,14 +34,18 @@ class Departure {
 
   const std::function<void()>& again() const { return again_; }
 
-  /// Where it leads, in the ways that this may be written; nowhere if this is not called.
+  /// Where it leads, in the ways that this may be written. If this is not called, the page is only
+  /// to stop.
   void leadTo(std::vector<std::string> urls) { urls_ = std::move(urls); }
 
-  /// Whether the page begins to go somewhere else, which is to be ignored.
+  /// The page begins to go somewhere. Whether this is something else, which is to be ignored.
   bool isHinderedBy(WebKitNavigationAction* action);
-
-  /// What was wanted has begun.
-  void hasBegun() { hasBegun_ = true; }
+  /// A page has come. Whether it is the one that was wanted.
+  bool endsAt(std::string_view url);
+  /// The page that was wanted is elsewhere.
+  void isRedirected() { isRedirected_ = true; }
+  /// The page has begun to go, or has gone, somewhere else.
+  bool isHindered() const { return isHindered_; }
 
   /// A person is asked something meanwhile: no time passes.
   void pause();
@@ -44,12 +56,15 @@ class Departure {
     void operator()(gpointer object) const { g_object_unref(object); }
   };
 
+  bool leadsTo(std::string_view url) const;
+  void onAnswer();
   void onPatienceEnded();
 
   std::chrono::milliseconds patience_;
-  std::function<void()> onStuck_, again_;
+  OnEnd onEnd_;
+  std::function<void()> again_;
   std::vector<std::string> urls_;
-  bool isAnswered_ = false, hasBegun_ = false, isHindered_ = false;
+  bool isAnswered_ = false, isHindered_ = false, isRedirected_ = false;
   guint timer_ = 0;
   std::unique_ptr<GCancellable, Unref> question_{g_cancellable_new()};
 };

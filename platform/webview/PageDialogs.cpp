@@ -14,7 +14,6 @@ constexpr std::size_t longestText = 4096;
 
 constexpr int cardWidth = 420;
 constexpr int longestTextHeight = 240;
-constexpr int padding = 18;
 constexpr int spacing = 12;
 
 // What a widget takes: valid, and not too long.

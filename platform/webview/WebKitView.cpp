@@ -167,6 +167,22 @@ std::string WebKitView::installedModuleFolder() {
   return (folder / TAMSEL_MODULE_FOLDER).lexically_normal();
 }
 
+WebKitNetworkSession* WebKitView::makeSession(const std::string& dataFolder,
+                                              const std::string& cacheFolder) {
+  for (const std::string& folder : {dataFolder, cacheFolder}) {
+    constexpr int forTheUserOnly = 0700;
+    g_mkdir_with_parents(folder.c_str(), forTheUserOnly);
+  }
+  WebKitNetworkSession* session =
+      webkit_network_session_new(dataFolder.c_str(), cacheFolder.c_str());
+  // WebKit keeps all but these by itself.
+  webkit_cookie_manager_set_persistent_storage(
+      webkit_network_session_get_cookie_manager(session), (dataFolder + "/cookies.sqlite").c_str(),
+      WEBKIT_COOKIE_PERSISTENT_STORAGE_SQLITE);
+  webkit_network_session_set_persistent_credential_storage_enabled(session, FALSE);
+  return session;
+}
+
 // How pages come and go.
 void WebKitView::followLoads() {
   const gpointer view = view_.get();
@@ -326,15 +342,15 @@ void WebKitView::load(const std::string& url) {
   if (isScript(url)) {
     return fail({.message = "An address that is a script is not run.", .url = url});
   }
-  depart([this, url] { begin({.url = url, .text = std::nullopt}); });
+  depart(url, [this, url] { begin({.url = url, .text = std::nullopt}); });
 }
 
 void WebKitView::loadHtml(const std::string& html, const std::string& baseURL) {
-  depart([=, this] { begin({.url = baseURL, .text = TextPage{html, baseURL}}); });
+  depart(baseURL, [=, this] { begin({.url = baseURL, .text = TextPage{html, baseURL}}); });
 }
 
 // Leaves the page for what the action has WebKit load.
-void WebKitView::depart(const std::function<void()>& action) {
+void WebKitView::depart(const std::string& to, const std::function<void()>& action) {
   // It is not the person that asks for this who answers.
   departure_.reset();
   isLeaving_ = true;
@@ -343,16 +359,22 @@ void WebKitView::depart(const std::function<void()>& action) {
   isLeaving_ = false;
   action();
   watchDeparture(patienceToLeave, action);
-  departure_->leadTo({url(), pending_ ? pending_->url : url()});
+  // WebKit may write it another way.
+  departure_->leadTo({to, url()});
 }
 
 void WebKitView::watchDeparture(std::chrono::milliseconds patience, std::function<void()> again) {
-  const auto onStuck = [this] {
+  const auto onEnd = [this](Departure::End end) {
+    if (end == Departure::End::let) {
+      // What is still on its way the page may still hinder.
+      if (!isLoading()) departure_.reset();
+      return;
+    }
     const std::unique_ptr<Departure> stuck = std::move(departure_);
     endProcess();
     stuck->again()();
   };
-  departure_ = std::make_unique<Departure>(view_.get(), patience, onStuck, std::move(again));
+  departure_ = std::make_unique<Departure>(view_.get(), patience, onEnd, std::move(again));
 }
 
 void WebKitView::endProcess() {
@@ -379,7 +401,7 @@ void WebKitView::begin(Pending pending) {
 }
 
 void WebKitView::reload() {
-  depart([this] { reloadNow(); });
+  depart(isEnded_ ? shownURL_ : url(), [this] { reloadNow(); });
 }
 
 void WebKitView::reloadNow() {
@@ -449,7 +471,7 @@ void WebKitView::departTo(WebKitBackForwardListItem* item) {
   if (item == nullptr) return;
   const std::shared_ptr<WebKitBackForwardListItem> kept(
       WEBKIT_BACK_FORWARD_LIST_ITEM(g_object_ref(item)), Unref());
-  depart([this, kept] { moveTo(kept.get()); });
+  depart(text(webkit_back_forward_list_item_get_uri(item)), [this, kept] { moveTo(kept.get()); });
 }
 
 std::string WebKitView::url() const {
@@ -500,21 +522,22 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
     case WEBKIT_LOAD_STARTED:
       isProvisional_ = true;
       isAnswered_ = false;
-      if (departure_ != nullptr) departure_->hasBegun();
       if (delegate_ != nullptr) delegate_->didStart();
       if (std::exchange(stopsAtStart_, false)) stopNow();
       break;
     case WEBKIT_LOAD_REDIRECTED:
       if (timer_ != 0) awaitAnswer();
+      if (departure_ != nullptr) departure_->isRedirected();
       break;
     case WEBKIT_LOAD_COMMITTED:
       isProvisional_ = false;
       isEnded_ = isUnresponsive_ = false;
+      if (delegate_ != nullptr) delegate_->didCommit();
+      askForModule();
+      if (departure_ != nullptr && !departure_->endsAt(url())) return changed();
       departure_.reset();
       stopAwaitingAnswer();
       repetitions_ = 0;
-      askForModule();
-      if (delegate_ != nullptr) delegate_->didCommit();
       // What it refuses to request, WebKit replaces with an empty page, without a word.
       if (pending_ && url() == emptyPage && pending_->url != emptyPage) {
         fail({.message = "This address cannot be opened.", .url = pending_->url});
@@ -537,7 +560,10 @@ void WebKitView::onLoadFailed(const std::string& url, const GError& error) {
   // What is ignored, an answer without content for instance, or is no page.
   if (g_error_matches(&error, WEBKIT_POLICY_ERROR,
                       WEBKIT_POLICY_ERROR_FRAME_LOAD_INTERRUPTED_BY_POLICY_CHANGE) != FALSE) {
-    return endLoad({.message = error.message, .url = url, .isCancelled = true});
+    const Failure nothing{.message = error.message, .url = url, .isCancelled = true};
+    // It was the page's own wish, and something else is to come.
+    if (departure_ != nullptr && departure_->isHindered()) return tellFailure(nothing);
+    return endLoad(nothing);
   }
   constexpr int blockedByContentBlocker = 104;
   const bool isBlocked =
@@ -699,7 +725,7 @@ void WebKitView::onResponsivenessChanged() {
 // A move within a page is no load, and only this tells of its end.
 void WebKitView::onLoadingChanged() {
   if (isProvisional_ || repetition_ != nullptr) return;
-  if (!isLoading()) {
+  if (!isLoading() && (departure_ == nullptr || !departure_->isHindered())) {
     pending_.reset();
     stopsAtStart_ = false;
     stopAwaitingAnswer();

@@ -66,6 +66,10 @@ class WebKitView : public WebView {
   /// WebKit's own view.
   WebKitWebView* webKit() const { return view_.get(); }
 
+  /// A session that keeps what sites leave in these folders, and no passwords. The caller owns it.
+  static WebKitNetworkSession* makeSession(const std::string& dataFolder,
+                                           const std::string& cacheFolder);
+
   /// Where the module is: beside this program, or where an installation puts it.
   static std::string installedModuleFolder();
 
@@ -91,7 +95,7 @@ class WebKitView : public WebView {
   void followLoads();
   void answerPages();
   void onBlocked(GVariant* message);
-  void depart(const std::function<void()>& action);
+  void depart(const std::string& to, const std::function<void()>& action);
   void watchDeparture(std::chrono::milliseconds patience, std::function<void()> again);
   void endProcess();
   void onScriptDialog(WebKitScriptDialog* dialog);

@@ -94,8 +94,9 @@ TEST_F(LeavingTest, WorksWhateverThePageDoes) {
       EXPECT_EQ(*model.status, "");
     };
     leave("http://other.test/?", [this] { model.go("http://other.test/?"); });
-    leave(other, [this] { view.goBack(); });
     leave("https://example.org/", [this] { model.loadDemo(); });
+    // A page that goes on and on has itself before it in the history.
+    if (!body.starts_with("set")) leave(other, [this] { view.goBack(); });
   }
 }
 
@@ -137,13 +138,15 @@ struct ImpatientTest : LeavingTest {
 // A person may think about it as long as it takes.
 TEST_F(ImpatientTest, WaitsForAPassword) {
   browser.open(other);
-  browser.sites.pages["http://secret.test/"] = {
+  // Of the same site, for which no process has to start in that time.
+  const std::string secret = std::string(other) + "secret";
+  browser.sites.pages[secret] = {
       .body = "Denied",
       .status = SOUP_STATUS_UNAUTHORIZED,
       .headers = {{"WWW-Authenticate", "Basic realm=\"Club\""}}};
-  model.go("http://secret.test/");
+  model.go(secret);
   awaitButton("Sign In");
-  EXPECT_THAT(texts(), testing::Contains("Sign in to secret.test"));
+  EXPECT_THAT(texts(), testing::Contains("Sign in to other.test"));
   bool isOver = false;
   g_timeout_add(1500, [](gpointer flag) -> gboolean {
     *static_cast<bool*>(flag) = true;
@@ -153,7 +156,7 @@ TEST_F(ImpatientTest, WaitsForAPassword) {
   EXPECT_EQ(*model.status, "");
   EXPECT_NE(button("Sign In"), nullptr);
   press("Cancel");
-  awaitPage("http://secret.test/");
+  awaitPage(secret);
   EXPECT_EQ(browser.evaluate("document.body.textContent"), "Denied");
 }
 

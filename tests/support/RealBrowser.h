@@ -120,8 +120,7 @@ class RealBrowser {
   void start(const std::string& state, WebKitView::Options options) {
     if (!state.empty()) Files::replace(folder_.path() + "/state.json", state);
     // In one that keeps nothing, WebKit does not tell what it blocks.
-    session_ = webkit_network_session_new((folder_.path() + "/data").c_str(),
-                                          (folder_.path() + "/cache").c_str());
+    session_ = WebKitView::makeSession(folder_.path() + "/data", folder_.path() + "/cache");
     WebKitNetworkProxySettings* proxy =
         webkit_network_proxy_settings_new(sites.url().c_str(), nullptr);
     webkit_network_session_set_proxy_settings(session_, WEBKIT_NETWORK_PROXY_MODE_CUSTOM, proxy);
