@@ -152,6 +152,8 @@ void PageDialogs::show() {
   const bool isInPage =
       focus == nullptr || gtk_widget_is_ancestor(focus, GTK_WIDGET(overlay_)) != FALSE;
   gtk_overlay_add_overlay(overlay_, card_);
+  // Keys do not reach it either.
+  gtk_widget_set_can_focus(gtk_overlay_get_child(overlay_), FALSE);
   if (isInPage) gtk_widget_child_focus(column, GTK_DIR_TAB_FORWARD);
 }
 
@@ -201,6 +203,7 @@ void PageDialogs::close() {
   GtkWidget* focus = root == nullptr ? nullptr : gtk_root_get_focus(root);
   const bool hadFocus = focus != nullptr && gtk_widget_is_ancestor(focus, card_) != FALSE;
   gtk_overlay_remove_overlay(overlay_, card_);
+  gtk_widget_set_can_focus(gtk_overlay_get_child(overlay_), TRUE);
   card_ = field_ = password_ = noMore_ = nullptr;
   if (hadFocus) gtk_widget_grab_focus(gtk_overlay_get_child(overlay_));
 }

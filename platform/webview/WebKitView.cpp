@@ -768,12 +768,15 @@ void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
     }
     if (*closes) webkit_script_dialog_close(kept.get());
     if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM && !answer.isAccepted) {
-      // WebKit itself would go on loading for ever.
       pending_.reset();
       departure_.reset();
       stopAwaitingAnswer();
-      webkit_web_view_stop_loading(view_.get());
       stayOnPage();
+      // WebKit would say for ever that it loads the other. A move within the page ends that; it
+      // leads to where the page is.
+      webkit_web_view_evaluate_javascript(view_.get(), "history.replaceState(history.state, '')",
+                                          -1, WebProcess::world, nullptr, nullptr, nullptr,
+                                          nullptr);
     }
   });
   *closes = true;

@@ -229,5 +229,54 @@ TEST_F(BrowserWindowTest, SaysWhatWentWrongAndGoesOn) {
   EXPECT_EQ(close(), 0);
 }
 
+// By keyboard alone. The page knows that it is used when somebody types into it.
+TEST_F(BrowserWindowTest, AnswersPagesOrLeavesThem) {
+  test::SiteServer sites;
+  sites.pages[sites.url() + "/"] = {
+      "<title>Page</title><input autofocus oninput=\"fetch('/typed')\"><script>"
+      "onbeforeunload = event => { event.preventDefault(); return ''; }; alert('Hello');"
+      "fetch('/goes-on')</script>"};
+  sites.pages[sites.url() + "/endless"] = {"<script>for (;;) alert('Again')</script>"};
+  sites.pages[sites.url() + "/other"] = {"<title>Other</title>"};
+  awaitCount("4");
+  const auto awaitAddress = [this](const std::string& address) {
+    await(address, [&] {
+      return window().textOf("Address") == address &&
+             window().find(ATSPI_ROLE_PUSH_BUTTON, "Reload") != nullptr;
+    });
+  };
+  browse(sites.url() + "/");
+  awaitText("127.0.0.1 says");
+  EXPECT_TRUE(window().find(ATSPI_ROLE_LABEL, "Hello"));
+  window().act(ATSPI_ROLE_PUSH_BUTTON, "OK");
+  await("the page to go on", [&] { return sites.timesRequested(sites.url() + "/goes-on") > 0; });
+  awaitAddress(sites.url() + "/");
+
+  window().tabTo("Pause on 127.0.0.1");
+  AccessibleApp::press("Tab");
+  AccessibleApp::type("x");
+  await("what is typed", [&] { return sites.timesRequested(sites.url() + "/typed") > 0; });
+  for (const bool isEscape : {true, false}) {
+    browse(sites.url() + "/other");
+    awaitText("Leave this page?");
+    // Who has typed an address has the focus there.
+    if (isEscape) window().tabTo("Stay");
+    isEscape ? AccessibleApp::press("Escape")
+             : window().act(ATSPI_ROLE_PUSH_BUTTON, "Leave");
+    await("the dialogue to go", [this] { return !window().labelWithPrefix("Leave this page?"); });
+    awaitAddress(sites.url() + (isEscape ? "/" : "/other"));
+  }
+
+  browse(sites.url() + "/endless");
+  awaitText("Again");
+  browse(sites.url() + "/other");
+  awaitAddress(sites.url() + "/other");
+  EXPECT_FALSE(window().labelWithPrefix("Again"));
+  // Nor does such a page keep the window.
+  browse(sites.url() + "/endless");
+  awaitText("Again");
+  EXPECT_EQ(close(), 0);
+}
+
 }  // namespace
 }  // namespace tamsel
