@@ -101,7 +101,8 @@ void BrowserModel::Requests::add(const WebView::Blocked& blocked) {
   for (std::size_t i = 0; i < blocked.keys.size(); ++i) {
     if (!seen.insert(blocked.keys[i])) continue;
     ++count;
-    if (i < blocked.urls.size() && urls.size() < keptURLs) urls.push_back(shortened(blocked.urls[i]));
+    if (i < blocked.urls.size() && urls.size() < keptURLs)
+      urls.push_back(shortened(blocked.urls[i]));
   }
 }
 

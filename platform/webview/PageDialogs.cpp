@@ -82,8 +82,8 @@ void PageDialogs::show() {
   const Question& question = asked_.front().question;
   ++questions_;
   // The page below gets no clicks meanwhile.
-  card_ = GTK_WIDGET(g_object_new(GTK_TYPE_BOX, "accessible-role",
-                                  GTK_ACCESSIBLE_ROLE_ALERT_DIALOG, nullptr));
+  card_ = GTK_WIDGET(
+      g_object_new(GTK_TYPE_BOX, "accessible-role", GTK_ACCESSIBLE_ROLE_ALERT_DIALOG, nullptr));
   gtk_widget_add_css_class(card_, "page-veil");
   nameIt(card_, displayable(question.heading).c_str());
 

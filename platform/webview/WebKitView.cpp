@@ -79,16 +79,15 @@ std::string fileName(WebKitURIResponse* response) {
 
 // Downloads and other windows.
 void removeWhatThereIsNot(WebKitContextMenu* menu) {
-  constexpr std::array actions = {
-      WEBKIT_CONTEXT_MENU_ACTION_OPEN_LINK_IN_NEW_WINDOW,
-      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_LINK_TO_DISK,
-      WEBKIT_CONTEXT_MENU_ACTION_OPEN_IMAGE_IN_NEW_WINDOW,
-      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_IMAGE_TO_DISK,
-      WEBKIT_CONTEXT_MENU_ACTION_OPEN_FRAME_IN_NEW_WINDOW,
-      WEBKIT_CONTEXT_MENU_ACTION_OPEN_VIDEO_IN_NEW_WINDOW,
-      WEBKIT_CONTEXT_MENU_ACTION_OPEN_AUDIO_IN_NEW_WINDOW,
-      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_VIDEO_TO_DISK,
-      WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_AUDIO_TO_DISK};
+  constexpr std::array actions = {WEBKIT_CONTEXT_MENU_ACTION_OPEN_LINK_IN_NEW_WINDOW,
+                                  WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_LINK_TO_DISK,
+                                  WEBKIT_CONTEXT_MENU_ACTION_OPEN_IMAGE_IN_NEW_WINDOW,
+                                  WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_IMAGE_TO_DISK,
+                                  WEBKIT_CONTEXT_MENU_ACTION_OPEN_FRAME_IN_NEW_WINDOW,
+                                  WEBKIT_CONTEXT_MENU_ACTION_OPEN_VIDEO_IN_NEW_WINDOW,
+                                  WEBKIT_CONTEXT_MENU_ACTION_OPEN_AUDIO_IN_NEW_WINDOW,
+                                  WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_VIDEO_TO_DISK,
+                                  WEBKIT_CONTEXT_MENU_ACTION_DOWNLOAD_AUDIO_TO_DISK};
   GList* items = g_list_copy(webkit_context_menu_get_items(menu));
   for (GList* each = items; each != nullptr; each = each->next) {
     auto* item = WEBKIT_CONTEXT_MENU_ITEM(each->data);
@@ -105,18 +104,17 @@ void removeWhatThereIsNot(WebKitContextMenu* menu) {
 WebKitView::WebKitView(const Options& options)
     : content_(webkit_user_content_manager_new()),
       context_(webkit_web_context_new()),
-      session_(WEBKIT_NETWORK_SESSION(g_object_ref(options.session != nullptr
-                                                       ? options.session
-                                                       : webkit_network_session_get_default()))),
+      session_(WEBKIT_NETWORK_SESSION(g_object_ref(
+          options.session != nullptr ? options.session : webkit_network_session_get_default()))),
       timeout_(options.timeout) {
   loadModule(options.moduleFolder);
   WebKitSettings* settings = webkit_settings_new_with_settings(
       // A page that comes back out of the cache requests nothing, so nothing would be counted, and
       // it would show what other rules made of it.
       "enable-page-cache", FALSE, nullptr);
-  GObject* view = G_OBJECT(g_object_new(WEBKIT_TYPE_WEB_VIEW, "user-content-manager",
-                                        content_.get(), "settings", settings, "web-context",
-                                        context_.get(), "network-session", session_.get(), nullptr));
+  GObject* view = G_OBJECT(g_object_new(
+      WEBKIT_TYPE_WEB_VIEW, "user-content-manager", content_.get(), "settings", settings,
+      "web-context", context_.get(), "network-session", session_.get(), nullptr));
   g_object_unref(settings);
   view_.reset(WEBKIT_WEB_VIEW(g_object_ref_sink(view)));
   dialogs_ = std::make_unique<PageDialogs>(GTK_WIDGET(view), [this] { onDialogsChanged(); });
@@ -127,9 +125,9 @@ WebKitView::WebKitView(const Options& options)
 WebKitView::~WebKitView() {
   stopAwaitingAnswer();
   followPage(nullptr);
-  for (gpointer object : {gpointer(view_.get()), gpointer(content_.get()), gpointer(context_.get()),
-                          gpointer(session_.get()),
-                          gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
+  for (gpointer object :
+       {gpointer(view_.get()), gpointer(content_.get()), gpointer(context_.get()),
+        gpointer(session_.get()), gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
     g_signal_handlers_disconnect_by_data(object, this);
   }
   for (const auto& download : downloads_) {
@@ -176,9 +174,9 @@ WebKitNetworkSession* WebKitView::makeSession(const std::string& dataFolder,
   WebKitNetworkSession* session =
       webkit_network_session_new(dataFolder.c_str(), cacheFolder.c_str());
   // WebKit keeps all but these by itself.
-  webkit_cookie_manager_set_persistent_storage(
-      webkit_network_session_get_cookie_manager(session), (dataFolder + "/cookies.sqlite").c_str(),
-      WEBKIT_COOKIE_PERSISTENT_STORAGE_SQLITE);
+  webkit_cookie_manager_set_persistent_storage(webkit_network_session_get_cookie_manager(session),
+                                               (dataFolder + "/cookies.sqlite").c_str(),
+                                               WEBKIT_COOKIE_PERSISTENT_STORAGE_SQLITE);
   webkit_network_session_set_persistent_credential_storage_enabled(session, FALSE);
   return session;
 }
@@ -812,9 +810,8 @@ void WebKitView::onAuthenticate(WebKitAuthenticationRequest* request) {
   dialogs_->ask(std::move(question), [kept](const PageDialogs::Answer& answer) {
     // Without one, the site shows what it has for strangers.
     if (!answer.isAccepted) return webkit_authentication_request_authenticate(kept.get(), nullptr);
-    WebKitCredential* credential =
-        webkit_credential_new(answer.field.c_str(), answer.password.c_str(),
-                              WEBKIT_CREDENTIAL_PERSISTENCE_FOR_SESSION);
+    WebKitCredential* credential = webkit_credential_new(
+        answer.field.c_str(), answer.password.c_str(), WEBKIT_CREDENTIAL_PERSISTENCE_FOR_SESSION);
     webkit_authentication_request_authenticate(kept.get(), credential);
     webkit_credential_free(credential);
   });
@@ -855,8 +852,10 @@ void WebKitView::refuseDownload(const std::string& name) {
 void WebKitView::askForModule() {
   static bool hasSaid = false;
   if (isModuleThere_ || std::exchange(hasSaid, true)) return;
-  std::fputs("tamsel: the module for WebKit's processes is not there: what is blocked is counted only "
-             "as far as pages notice it\n", stderr);
+  std::fputs(
+      "tamsel: the module for WebKit's processes is not there: what is blocked is counted only "
+      "as far as pages notice it\n",
+      stderr);
 }
 
 void WebKitView::awaitAnswer() {

@@ -97,11 +97,13 @@ std::string pageOfKinds(const std::string& context, const std::string& more = {}
         try {
           // Of another site: frames of the page's own are not blocked.
           const site = kind === 'svg-use.svg' ? '' : 'http://other.test';
-          Promise.resolve(request(`${site}/${what}/)js" + context + R"js(/${kind}`)).catch(() => 0);
+          Promise.resolve(request(`${site}/${what}/)js" +
+         context + R"js(/${kind}`)).catch(() => 0);
         } catch {}
       }
     }
-  </script>)js" + more;
+  </script>)js" +
+         more;
 }
 
 struct Requests {
@@ -159,12 +161,15 @@ class BlockedRequestsTest : public testing::Test {
 TEST_F(BlockedRequestsTest, OfEveryKindCountOnce) {
   std::string inner = pageOfKinds("text");
   std::string escaped;
-  for (const char c : inner) escaped += c == '"' ? "&quot;" : c == '&' ? "&amp;" : std::string(1, c);
+  for (const char c : inner)
+    escaped += c == '"' ? "&quot;" : c == '&' ? "&amp;" : std::string(1, c);
   browser.sites.pages["http://page.test/frame"] = {pageOfKinds("frame")};
   browser.sites.pages["http://page.test/sandbox"] = {pageOfKinds("sandbox")};
-  show(pageOfKinds("page", "<iframe src=/frame></iframe>"
-                           "<iframe src=/sandbox sandbox='allow-scripts allow-forms'></iframe>"
-                           "<iframe srcdoc=\"" + escaped + "\"></iframe>"));
+  show(pageOfKinds("page",
+                   "<iframe src=/frame></iframe>"
+                   "<iframe src=/sandbox sandbox='allow-scripts allow-forms'></iframe>"
+                   "<iframe srcdoc=\"" +
+                       escaped + "\"></iframe>"));
   // The 33 of each; those of a sandbox, which may not read what its own site sends, too.
   // A `use` of another file is never allowed in a sandbox, and one kind is only in the page.
   runUntil([this] { return requested("/allowed/").size() == 4 * 33 - 1 - 3; });
@@ -177,7 +182,6 @@ TEST_F(BlockedRequestsTest, OfEveryKindCountOnce) {
   EXPECT_EQ(blocked(), expected);
   EXPECT_THAT(requested("/blocked/"), SizeIs(0));
 }
-
 
 // WebKit asks for the address in the end; the page knows only the first.
 TEST_F(BlockedRequestsTest, BehindRedirectionsCountAsThemselves) {
@@ -195,16 +199,16 @@ TEST_F(BlockedRequestsTest, BehindRedirectionsCountAsThemselves) {
       xhr.send();
     })]);</script>)");
   evaluate("done");
-  EXPECT_THAT(blocked(),
-              UnorderedElementsAre("http://ads.test/img", "http://ads.test/background",
-                                   "http://ads.test/script", "http://ads.test/style",
-                                   "http://ads.test/frame", "http://ads.test/fetch",
-                                   "http://ads.test/xhr"));
+  EXPECT_THAT(blocked(), UnorderedElementsAre("http://ads.test/img", "http://ads.test/background",
+                                              "http://ads.test/script", "http://ads.test/style",
+                                              "http://ads.test/frame", "http://ads.test/fetch",
+                                              "http://ads.test/xhr"));
   EXPECT_THAT(requested("//ads.test/"), SizeIs(0));
 }
 
 TEST_F(BlockedRequestsTest, CountOnceForAnAddress) {
-  show(R"(<link rel=preload as=script href=//ads.test/used.js><script src=//ads.test/used.js></script>
+  show(
+      R"(<link rel=preload as=script href=//ads.test/used.js><script src=//ads.test/used.js></script>
     <img src=//ads.test/a.png><img src=//ads.test/a.png#part><img src=//ads.test/a.png?b>
     <iframe src=//ads.test/a.png></iframe>)");
   evaluate("fetch('http://ads.test/a.png#other').catch(() => 0)");
@@ -213,13 +217,15 @@ TEST_F(BlockedRequestsTest, CountOnceForAnAddress) {
                                               "http://ads.test/a.png?b", "ws://ads.test/socket"));
   // The list is full some time, the count is not, and no address is too long to be counted.
   show("");
-  evaluate("Promise.all(Array.from({ length: 301 }, (_, i) => "
-           "fetch('http://ads.test/' + i).catch(() => 0)))");
+  evaluate(
+      "Promise.all(Array.from({ length: 301 }, (_, i) => "
+      "fetch('http://ads.test/' + i).catch(() => 0)))");
   EXPECT_EQ(*model.blockedCount, 301);
   EXPECT_THAT(*model.blockedURLs, SizeIs(300));
   show("");
-  evaluate("Promise.all(['a', 'b'].map(end => "
-           "fetch('http://ads.test/' + 'x'.repeat(1e6) + end).catch(() => 0)))");
+  evaluate(
+      "Promise.all(['a', 'b'].map(end => "
+      "fetch('http://ads.test/' + 'x'.repeat(1e6) + end).catch(() => 0)))");
   EXPECT_EQ(*model.blockedCount, 2);
   EXPECT_THAT(*model.blockedURLs, testing::Each(SizeIs(BrowserModel::keptURLLength + 3)));
 }
@@ -232,9 +238,11 @@ TEST_F(BlockedRequestsTest, AreNotWhatFailsForOtherReasons) {
   browser.sites.others = [](const std::string&) {
     return test::SiteServer::Answer{.status = SOUP_STATUS_NOT_FOUND};
   };
-  show("<link rel=preload as=image href=http://style.test/><input type=image "
-       "src=http://raw.test/><link rel=stylesheet href=http://style.test/style.css>");
-  runUntil([this] { return requested("//style.test/").size() + requested("//raw.test/").size() == 2; });
+  show(
+      "<link rel=preload as=image href=http://style.test/><input type=image "
+      "src=http://raw.test/><link rel=stylesheet href=http://style.test/style.css>");
+  runUntil(
+      [this] { return requested("//style.test/").size() + requested("//raw.test/").size() == 2; });
   browser.settle();
   EXPECT_THAT(blocked(), ElementsAre("http://style.test/style.css"));
 }
@@ -244,16 +252,23 @@ TEST_F(BlockedRequestsTest, CannotBeMadeUp) {
   const std::string notice =
       "Content blocker prevented frame displaying http://page.test/ from loading a resource from "
       "http://ads.test/";
-  show("<script>for (const say of ['log', 'info', 'warn', 'error', 'debug', 'trace', 'assert']) "
-       "console[say]('" + notice + "made-up');"
-       "setTimeout(() => { throw '" + notice + "thrown'; }, 0);"
-       "Promise.reject('" + notice + "rejected');"
-       "for (const name of ['tmBlocked', 'tamsel-channel', 'tamsel-channel-wanted', 'blocked'])"
-       "  dispatchEvent(new CustomEvent(name, { detail: 'img http://ads.test/' + name }));"
-       "var done = Promise.all([self.webkit && webkit.messageHandlers && "
-       "  webkit.messageHandlers.tmBlocked, new Promise(end => setTimeout(end, 0))]).then(String);"
-       "</script><iframe src=\"data:text/html,<img src='http://ads.test/in-data'>" + notice +
-       "data\"></iframe>");
+  show(
+      "<script>for (const say of ['log', 'info', 'warn', 'error', 'debug', 'trace', 'assert']) "
+      "console[say]('" +
+      notice +
+      "made-up');"
+      "setTimeout(() => { throw '" +
+      notice +
+      "thrown'; }, 0);"
+      "Promise.reject('" +
+      notice +
+      "rejected');"
+      "for (const name of ['tmBlocked', 'tamsel-channel', 'tamsel-channel-wanted', 'blocked'])"
+      "  dispatchEvent(new CustomEvent(name, { detail: 'img http://ads.test/' + name }));"
+      "var done = Promise.all([self.webkit && webkit.messageHandlers && "
+      "  webkit.messageHandlers.tmBlocked, new Promise(end => setTimeout(end, 0))]).then(String);"
+      "</script><iframe src=\"data:text/html,<img src='http://ads.test/in-data'>" +
+      notice + "data\"></iframe>");
   EXPECT_EQ(browser.evaluate("done"), ",");
   browser.settle();
   EXPECT_THAT(blocked(), ElementsAre("http://ads.test/in-data"));
@@ -273,7 +288,8 @@ TEST_F(BlockedRequestsTest, CannotBeHidden) {
   </script>)");
   browser.settle();
   runUntil([this] { return *model.blockedCount >= 2; });
-  EXPECT_THAT(blocked(), UnorderedElementsAre("http://ads.test/written", "http://ads.test/detached"));
+  EXPECT_THAT(blocked(),
+              UnorderedElementsAre("http://ads.test/written", "http://ads.test/detached"));
 }
 
 TEST_F(BlockedRequestsTest, BelongToThePageThatIsShown) {
@@ -284,8 +300,10 @@ TEST_F(BlockedRequestsTest, BelongToThePageThatIsShown) {
   EXPECT_THAT(blocked(), ElementsAre("http://ads.test/first"));
   // Thousands are on their way when the page goes, or its process.
   const auto floodAnd = [this](const std::string& more) {
-    browser.evaluate("(setTimeout(() => { for (let i = 0; i < 2000; ++i) fetch("
-                     "'http://ads.test/' + i).catch(() => 0);" + more + "}, 0), 0)");
+    browser.evaluate(
+        "(setTimeout(() => { for (let i = 0; i < 2000; ++i) fetch("
+        "'http://ads.test/' + i).catch(() => 0);" +
+        more + "}, 0), 0)");
   };
   for (const std::string url : {"http://page.test/other", "http://far.test/"}) {
     const std::string name = url == "http://far.test/" ? "far" : "other";

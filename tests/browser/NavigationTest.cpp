@@ -54,7 +54,8 @@ void killPage(const std::string& parent = "self") {
 
 class NavigationTest : public testing::Test {
  protected:
-  explicit NavigationTest(const WebKitView::Options& options = RealBrowser::plain()) : browser(rules, options) {
+  explicit NavigationTest(const WebKitView::Options& options = RealBrowser::plain())
+      : browser(rules, options) {
     for (const char* host : {"paused", "blocked.paused", "free", "other"}) {
       browser.sites.pages[std::string("http://") + host + ".test/"] = {page()};
     }
@@ -236,7 +237,8 @@ TEST_F(NavigationTest, ReloadsWhatCrashed) {
 }
 
 struct SlowSiteTest : NavigationTest {
-  SlowSiteTest() : NavigationTest({.timeout = std::chrono::seconds(1), .moduleFolder = TAMSEL_MODULE_PATH}) {}
+  SlowSiteTest()
+      : NavigationTest({.timeout = std::chrono::seconds(1), .moduleFolder = TAMSEL_MODULE_PATH}) {}
 };
 
 // The site is the demo page's, for which no process has to start in that time.

@@ -135,7 +135,8 @@ TEST_F(ReportingTest, CountsOnPagesThatInterfere) {
       "CustomEvent = Event = dispatchEvent = EventTarget.prototype.dispatchEvent = fails",
       "for (const key of ['bubbles', 'cancelable', 'composed', 'detail'])"
       "  Object.defineProperty(Object.prototype, key, { get: fails, configurable: true })",
-      "addEventListener('tamsel-channel', fails); dispatchEvent(new Event('tamsel-channel-wanted'))",
+      "addEventListener('tamsel-channel', fails); dispatchEvent(new "
+      "Event('tamsel-channel-wanted'))",
       "Promise.prototype.then = EventTarget.prototype.addEventListener = fails",
       "String = text => /^http/.test(text) ? 'other' : text;"
       "URL = WeakMap = WeakMap.prototype.get = WeakMap.prototype.set = fails",
@@ -214,7 +215,8 @@ TEST_F(ReportingTest, TakesMessagesOfOneShape) {
     const std::string result = browser.evaluate(
         "(() => { const url = 'http://raw.test/', type = 'xhr', cyclic = { type };"
         "  cyclic.url = cyclic; const post = message => "
-        "  webkit.messageHandlers.tmBlocked.postMessage(message); return " + script + "; })()",
+        "  webkit.messageHandlers.tmBlocked.postMessage(message); return " +
+            script + "; })()",
         WebProcess::world);
     browser.settle();
     return result;

@@ -261,8 +261,7 @@ TEST_F(BrowserWindowTest, AnswersPagesOrLeavesThem) {
     awaitText("Leave this page?");
     // Who has typed an address has the focus there.
     if (isEscape) window().tabTo("Stay");
-    isEscape ? AccessibleApp::press("Escape")
-             : window().act(ATSPI_ROLE_PUSH_BUTTON, "Leave");
+    isEscape ? AccessibleApp::press("Escape") : window().act(ATSPI_ROLE_PUSH_BUTTON, "Leave");
     await("the dialogue to go", [this] { return !window().labelWithPrefix("Leave this page?"); });
     awaitAddress(sites.url() + (isEscape ? "/" : "/other"));
   }

@@ -121,9 +121,8 @@ class BlockedRequests {
     g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
     // They belong to the first keys, of which there are more than that in a message.
     for (const std::string& url : urls_) {
-      g_variant_builder_add_value(
-          &urls, g_variant_new_take_string(
-                     g_utf8_make_valid(url.data(), static_cast<gssize>(url.size()))));
+      g_variant_builder_add_value(&urls, g_variant_new_take_string(g_utf8_make_valid(
+                                             url.data(), static_cast<gssize>(url.size()))));
     }
     GVariant* keys =
         g_variant_new_fixed_array(G_VARIANT_TYPE_UINT64, keys_.data(), count, sizeof(keys_[0]));
