@@ -7,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/http/Address.h"
 #include "platform/rulestore/WebKitRuleListStore.h"
+#include "platform/webview/PageQuestions.h"
 #include "platform/webview/extension/Protocol.h"
 
 namespace tamsel {
@@ -67,16 +67,6 @@ bool isScript(const std::string& url) {
   return scheme == "javascript";
 }
 
-// What a file would be called.
-std::string fileName(WebKitURIResponse* response) {
-  const std::string suggested = text(webkit_uri_response_get_suggested_filename(response));
-  if (!suggested.empty()) return suggested;
-  const std::string url = text(webkit_uri_response_get_uri(response));
-  const std::string path = url.substr(0, url.find_first_of("?#"));
-  const std::string name = path.substr(path.rfind('/') + 1);  // npos + 1 is 0
-  return name.empty() ? url : name;
-}
-
 // Downloads and other windows.
 void removeWhatThereIsNot(WebKitContextMenu* menu) {
   constexpr std::array actions = {WEBKIT_CONTEXT_MENU_ACTION_OPEN_LINK_IN_NEW_WINDOW,
@@ -118,6 +108,8 @@ WebKitView::WebKitView(const Options& options)
   g_object_unref(settings);
   view_.reset(WEBKIT_WEB_VIEW(g_object_ref_sink(view)));
   dialogs_ = std::make_unique<PageDialogs>(GTK_WIDGET(view), [this] { onDialogsChanged(); });
+  downloads_.emplace(session_.get(), view_.get(),
+                     [this](const std::string& name) { refuseDownload(name); });
   followLoads();
   answerPages();
 }
@@ -129,10 +121,6 @@ WebKitView::~WebKitView() {
        {gpointer(view_.get()), gpointer(content_.get()), gpointer(context_.get()),
         gpointer(session_.get()), gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
     g_signal_handlers_disconnect_by_data(object, this);
-  }
-  for (const auto& download : downloads_) {
-    g_signal_handlers_disconnect_by_data(download.get(), this);
-    webkit_download_cancel(download.get());
   }
 }
 
@@ -254,7 +242,7 @@ void WebKitView::answerPages() {
      });
   on(view, "authenticate",
      [](WebKitWebView*, WebKitAuthenticationRequest* request, WebKitView* self) -> gboolean {
-       self->onAuthenticate(request);
+       PageQuestions::ask(*self->dialogs_, request);
        return TRUE;
      });
   on(view, "permission-request",
@@ -269,10 +257,6 @@ void WebKitView::answerPages() {
      [](WebKitWebView*, WebKitContextMenu* menu, WebKitHitTestResult*, WebKitView*) -> gboolean {
        removeWhatThereIsNot(menu);
        return FALSE;
-     });
-  on(session_.get(), "download-started",
-     [](WebKitNetworkSession*, WebKitDownload* download, WebKitView* self) {
-       if (webkit_download_get_web_view(download) == self->view_.get()) self->onDownload(download);
      });
 }
 
@@ -626,7 +610,7 @@ bool WebKitView::isWanted(WebKitPolicyDecision* decision, WebKitPolicyDecisionTy
   // They say that there is nothing to show.
   if (status == SOUP_STATUS_NO_CONTENT || status == SOUP_STATUS_RESET_CONTENT) return false;
   if (webkit_response_policy_decision_is_mime_type_supported(answer) == FALSE) {
-    refuseDownload(fileName(response));
+    refuseDownload(Downloads::fileName(response));
     return false;
   }
   if (webkit_response_policy_decision_is_main_frame_main_resource(answer) != FALSE) {
@@ -732,88 +716,21 @@ void WebKitView::onLoadingChanged() {
 }
 
 void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
-  const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);
-  const bool asksToLeave = type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM;
+  const bool asksToLeave =
+      webkit_script_dialog_get_dialog_type(dialog) == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM;
   // Somebody is about to leave, or has been asked and insists.
   if (isLeaving_ || (departure_ != nullptr && !asksToLeave)) {
     if (asksToLeave) webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
     return;
   }
-  const std::optional<Address> address = Address::parse(url());
-  const std::string host = address && !address->host.empty() ? address->host : "This page";
-  PageDialogs::Question question{.heading = host + " says",
-                                 .text = text(webkit_script_dialog_get_message(dialog))};
-  if (type != WEBKIT_SCRIPT_DIALOG_ALERT) question.decline = "Cancel";
-  if (type == WEBKIT_SCRIPT_DIALOG_PROMPT) {
-    question.field = text(webkit_script_dialog_prompt_get_default_text(dialog));
-  }
-  if (asksToLeave) {
-    question = {.heading = "Leave this page?",
-                .text = "What you have entered there may be lost.",
-                .accept = "Leave",
-                .decline = "Stay",
-                .acceptsUnasked = true};
-  }
-  const std::shared_ptr<WebKitScriptDialog> kept(webkit_script_dialog_ref(dialog),
-                                                 webkit_script_dialog_unref);
-  // Within this call it closes by itself.
-  const auto closes = std::make_shared<bool>(false);
-  dialogs_->ask(std::move(question), [this, kept, type, closes](const PageDialogs::Answer& answer) {
-    if (type == WEBKIT_SCRIPT_DIALOG_PROMPT) {
-      if (answer.isAccepted) webkit_script_dialog_prompt_set_text(kept.get(), answer.field.c_str());
-    } else if (type != WEBKIT_SCRIPT_DIALOG_ALERT) {
-      webkit_script_dialog_confirm_set_confirmed(kept.get(), answer.isAccepted ? TRUE : FALSE);
-    }
-    if (*closes) webkit_script_dialog_close(kept.get());
-    if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM && !answer.isAccepted) {
-      pending_.reset();
-      departure_.reset();
-      stopAwaitingAnswer();
-      stayOnPage();
-      // WebKit would say for ever that it loads the other. A move within the page ends that; it
-      // leads to where the page is.
-      webkit_web_view_evaluate_javascript(view_.get(), "history.replaceState(history.state, '')",
-                                          -1, WebProcess::world, nullptr, nullptr, nullptr,
-                                          nullptr);
-    }
-  });
-  *closes = true;
-}
-
-void WebKitView::onAuthenticate(WebKitAuthenticationRequest* request) {
-  const WebKitAuthenticationScheme scheme = webkit_authentication_request_get_scheme(request);
-  const bool isPassword = scheme == WEBKIT_AUTHENTICATION_SCHEME_DEFAULT ||
-                          scheme == WEBKIT_AUTHENTICATION_SCHEME_HTTP_BASIC ||
-                          scheme == WEBKIT_AUTHENTICATION_SCHEME_HTTP_DIGEST ||
-                          scheme == WEBKIT_AUTHENTICATION_SCHEME_NTLM ||
-                          scheme == WEBKIT_AUTHENTICATION_SCHEME_HTML_FORM;
-  if (!isPassword) return webkit_authentication_request_cancel(request);
-  const guint port = webkit_authentication_request_get_port(request);
-  const std::string host = text(webkit_authentication_request_get_host(request)) +
-                           (port == 0 ? "" : ":" + std::to_string(port));
-  const std::string realm = text(webkit_authentication_request_get_realm(request));
-  PageDialogs::Question question{.heading = "Sign in to " + host,
-                                 .text = {},
-                                 .accept = "Sign In",
-                                 .decline = "Cancel",
-                                 .field = "",
-                                 .asksPassword = true};
-  if (webkit_authentication_request_is_for_proxy(request) != FALSE) {
-    question.heading = "Sign in to the proxy " + host;
-  }
-  if (!realm.empty()) question.text = "The site says: " + realm;
-  if (webkit_authentication_request_is_retry(request) != FALSE) {
-    question.text = "That was not accepted. " + question.text;
-  }
-  const std::shared_ptr<WebKitAuthenticationRequest> kept(
-      WEBKIT_AUTHENTICATION_REQUEST(g_object_ref(request)), Unref());
-  dialogs_->ask(std::move(question), [kept](const PageDialogs::Answer& answer) {
-    // Without one, the site shows what it has for strangers.
-    if (!answer.isAccepted) return webkit_authentication_request_authenticate(kept.get(), nullptr);
-    WebKitCredential* credential = webkit_credential_new(
-        answer.field.c_str(), answer.password.c_str(), WEBKIT_CREDENTIAL_PERSISTENCE_FOR_SESSION);
-    webkit_authentication_request_authenticate(kept.get(), credential);
-    webkit_credential_free(credential);
+  PageQuestions::ask(*dialogs_, dialog, url(), [this] {
+    pending_.reset();
+    departure_.reset();
+    stopAwaitingAnswer();
+    stayOnPage();
+    // A move within the page ends what WebKit says of the other; it leads to where the page is.
+    webkit_web_view_evaluate_javascript(view_.get(), "history.replaceState(history.state, '')", -1,
+                                        WebProcess::world, nullptr, nullptr, nullptr, nullptr);
   });
 }
 
@@ -826,21 +743,6 @@ void WebKitView::onDialogsChanged() {
     if (std::exchange(resumesAwaiting_, false) && pending_) awaitAnswer();
     if (departure_ != nullptr) departure_->resume();
   }
-}
-
-void WebKitView::onDownload(WebKitDownload* download) {
-  // What it would be called is known later; nothing has been written then.
-  downloads_.emplace(WEBKIT_DOWNLOAD(g_object_ref(download)));
-  on(download, "decide-destination",
-     [](WebKitDownload* started, const char* name, WebKitView* self) -> gboolean {
-       self->refuseDownload(text(name));
-       webkit_download_cancel(started);
-       return TRUE;
-     });
-  on(download, "finished", [](WebKitDownload* ended, WebKitView* self) {
-    g_signal_handlers_disconnect_by_data(ended, self);
-    std::erase_if(self->downloads_, [ended](const auto& each) { return each.get() == ended; });
-  });
 }
 
 void WebKitView::refuseDownload(const std::string& name) {

@@ -7,10 +7,10 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "platform/webview/Departure.h"
+#include "platform/webview/Downloads.h"
 #include "platform/webview/PageDialogs.h"
 #include "platform/webview/RequestKeys.h"
 #include "platform/webview/WebView.h"
@@ -99,10 +99,8 @@ class WebKitView : public WebView {
   void watchDeparture(std::chrono::milliseconds patience, std::function<void()> again);
   void endProcess();
   void onScriptDialog(WebKitScriptDialog* dialog);
-  void onAuthenticate(WebKitAuthenticationRequest* request);
   void onDialogsChanged();
   void onLoadingChanged();
-  void onDownload(WebKitDownload* download);
   void refuseDownload(const std::string& name);
   bool isWanted(WebKitPolicyDecision* decision, WebKitPolicyDecisionType type);
   void begin(Pending pending);
@@ -139,6 +137,7 @@ class WebKitView : public WebView {
   std::unique_ptr<WebKitNetworkSession, Unref> session_;
   std::unique_ptr<WebKitWebView, Unref> view_;
   std::unique_ptr<PageDialogs> dialogs_;
+  std::optional<Downloads> downloads_;
   // The page that was requested last; tells of redirections.
   std::unique_ptr<WebKitWebResource, Unref> page_;
   Delegate* delegate_ = nullptr;
@@ -163,8 +162,6 @@ class WebKitView : public WebView {
   std::chrono::milliseconds timeout_;
   guint timer_ = 0;
   std::unique_ptr<Departure> departure_;
-  // Those that have no name yet, and are cancelled when they get one.
-  std::set<std::unique_ptr<WebKitDownload, Unref>> downloads_;
   // Open dialogs are closed because somebody leaves.
   bool isLeaving_ = false;
   // While a person is asked something, no time passes; then the wait for an answer begins anew.
