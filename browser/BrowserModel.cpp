@@ -22,6 +22,8 @@ constexpr const char* allowedInQuery = "!$&'()*+,-./:;=?@_~";
 
 // So many are evaluated before their verdicts are shown.
 constexpr std::size_t reportsAtOnce = 256;
+// Of the text that waits to be evaluated, in bytes. A page that reports faster loses what is more.
+constexpr std::size_t mostWaiting = std::size_t{4} << 20;
 
 std::string searchFor(const std::string& words) {
   gchar* escaped = g_uri_escape_string(words.c_str(), allowedInQuery, FALSE);
@@ -118,6 +120,7 @@ void BrowserModel::didStart() {
   blockedCount = 0;
   blockedURLs = {};
   reports_.clear();
+  waiting_ = 0;
   ++page_;
   status = "";
   syncState();
@@ -178,9 +181,11 @@ void BrowserModel::didReceive(const WebView::Message& message) {
 void BrowserModel::report(std::string url, std::string_view type) {
   if (app == nullptr || app->engine() == nullptr || app->isPaused(*currentHost)) return;
   cutFragment(url);
+  if (waiting_ + url.size() > mostWaiting) return;
   if (!requests_.seen.insert(RequestKeys::keyOf(url, seed_))) return;
   // What an address holds itself is not requested, and WebKit's rules do not look at it.
   if (url.starts_with("data:")) return;
+  waiting_ += url.size();
   reports_.push_back({app->engine(), std::move(url), webView->url(), type});
   if (!isEvaluating_) tasks_.add(evaluateReports());
 }
@@ -193,6 +198,7 @@ Task<void> BrowserModel::evaluateReports() {
     std::vector<Report> some(std::make_move_iterator(reports_.begin()),
                              std::make_move_iterator(end));
     reports_.erase(reports_.begin(), end);
+    for (const Report& report : some) waiting_ -= report.url.size();
 
     auto evaluating = detached([some = std::move(some)]() mutable {
       std::vector<std::string> blocked;

@@ -110,6 +110,8 @@ class BrowserModel : public Browser, private WebView::Delegate {
   std::optional<Requests> requestsBefore_;
   const std::uint64_t seed_ = RequestKeys::makeSeed();
   std::deque<Report> reports_;
+  // The bytes of their addresses.
+  std::size_t waiting_ = 0;
   // How many pages have begun; a verdict on an earlier one is of no interest any more.
   std::size_t page_ = 0;
   bool isEvaluating_ = false;

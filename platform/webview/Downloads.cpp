@@ -45,11 +45,11 @@ void Downloads::onStarted(WebKitDownload* download) {
 }
 
 std::string Downloads::fileName(WebKitURIResponse* response) {
-  const std::string suggested = text(webkit_uri_response_get_suggested_filename(response));
+  std::string suggested = text(webkit_uri_response_get_suggested_filename(response));
   if (!suggested.empty()) return suggested;
   const std::string url = text(webkit_uri_response_get_uri(response));
   const std::string path = url.substr(0, url.find_first_of("?#"));
-  const std::string name = path.substr(path.rfind('/') + 1);  // npos + 1 is 0
+  std::string name = path.substr(path.rfind('/') + 1);  // npos + 1 is 0
   return name.empty() ? url : name;
 }
 

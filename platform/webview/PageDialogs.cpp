@@ -135,26 +135,31 @@ void PageDialogs::show() {
   gtk_box_append(GTK_BOX(column), makeButtons(question));
   gtk_box_append(GTK_BOX(card_), column);
 
-  GtkEventController* keys = gtk_event_controller_key_new();
-  const auto onKey = [](GtkEventControllerKey*, guint key, guint, GdkModifierType,
-                        gpointer self) -> gboolean {
-    if (key != GDK_KEY_Escape) return FALSE;
-    static_cast<PageDialogs*>(self)->answer(false);
-    return TRUE;
-  };
-  g_signal_connect(keys, "key-pressed", G_CALLBACK(+onKey), this);
-  gtk_event_controller_set_propagation_phase(keys, GTK_PHASE_CAPTURE);
-  gtk_widget_add_controller(card_, keys);
-
   // What somebody types elsewhere in the window goes on to be typed there.
   GtkRoot* root = gtk_widget_get_root(GTK_WIDGET(overlay_));
   GtkWidget* focus = root == nullptr ? nullptr : gtk_root_get_focus(root);
   const bool isInPage =
       focus == nullptr || gtk_widget_is_ancestor(focus, GTK_WIDGET(overlay_)) != FALSE;
   gtk_overlay_add_overlay(overlay_, card_);
+  listenForEscape(root == nullptr ? card_ : GTK_WIDGET(root));
   // Keys do not reach it either.
   gtk_widget_set_can_focus(gtk_overlay_get_child(overlay_), FALSE);
   if (isInPage) gtk_widget_child_focus(column, GTK_DIR_TAB_FORWARD);
+}
+
+// Wherever the focus is: mostly in the address, when somebody is asked whether to leave.
+void PageDialogs::listenForEscape(GtkWidget* window) {
+  keys_ = gtk_event_controller_key_new();
+  const auto onKey = [](GtkEventControllerKey*, guint key, guint, GdkModifierType,
+                        gpointer data) -> gboolean {
+    auto& self = *static_cast<PageDialogs*>(data);
+    if (key != GDK_KEY_Escape || gtk_widget_get_mapped(self.card_) == FALSE) return FALSE;
+    self.answer(false);
+    return TRUE;
+  };
+  g_signal_connect(keys_, "key-pressed", G_CALLBACK(+onKey), this);
+  gtk_widget_add_controller(window, keys_);
+  g_object_add_weak_pointer(G_OBJECT(keys_), reinterpret_cast<gpointer*>(&keys_));
 }
 
 GtkWidget* PageDialogs::makeButtons(const Question& question) {
@@ -199,6 +204,13 @@ void PageDialogs::answer(bool isAccepted) {
 
 void PageDialogs::close() {
   if (card_ == nullptr) return;
+  // It may have gone with the window.
+  if (GtkEventController* keys = keys_; keys != nullptr) {
+    g_object_remove_weak_pointer(G_OBJECT(keys), reinterpret_cast<gpointer*>(&keys_));
+    g_signal_handlers_disconnect_by_data(keys, this);
+    gtk_widget_remove_controller(gtk_event_controller_get_widget(keys), keys);
+    keys_ = nullptr;
+  }
   GtkRoot* root = gtk_widget_get_root(GTK_WIDGET(overlay_));
   GtkWidget* focus = root == nullptr ? nullptr : gtk_root_get_focus(root);
   const bool hadFocus = focus != nullptr && gtk_widget_is_ancestor(focus, card_) != FALSE;

@@ -63,6 +63,7 @@ class PageDialogs {
   void answer(bool isAccepted);
   void close();
   GtkWidget* makeButtons(const Question& question);
+  void listenForEscape(GtkWidget* window);
 
   GtkOverlay* overlay_;
   std::function<void()> onChange_;
@@ -72,6 +73,7 @@ class PageDialogs {
   GtkWidget* field_ = nullptr;
   GtkWidget* password_ = nullptr;
   GtkWidget* noMore_ = nullptr;
+  GtkEventController* keys_ = nullptr;
   int questions_ = 0;
   bool isSilenced_ = false;
 };

@@ -515,7 +515,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
       isProvisional_ = false;
       isEnded_ = isUnresponsive_ = false;
       if (delegate_ != nullptr) delegate_->didCommit();
-      askForModule();
+      sayIfModuleIsMissing();
       if (departure_ != nullptr && !departure_->endsAt(url())) return changed();
       departure_.reset();
       stopAwaitingAnswer();
@@ -751,7 +751,7 @@ void WebKitView::refuseDownload(const std::string& name) {
 }
 
 // Without the module all else works, but somebody should know.
-void WebKitView::askForModule() {
+void WebKitView::sayIfModuleIsMissing() const {
   static bool hasSaid = false;
   if (isModuleThere_ || std::exchange(hasSaid, true)) return;
   std::fputs(

@@ -91,7 +91,7 @@ class WebKitView : public WebView {
   template <typename Handler>
   void on(gpointer object, const char* signal, Handler handler);
   void loadModule(const std::string& folder);
-  void askForModule();
+  void sayIfModuleIsMissing() const;
   void followLoads();
   void answerPages();
   void onBlocked(GVariant* message);

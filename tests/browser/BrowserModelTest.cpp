@@ -171,7 +171,7 @@ TEST(BrowserModel, CountsEachBlockedURLOnceAndKeepsTheFirst) {
 
   // At the most that is kept there is the middle of a character.
   std::string kept = "http://ads.test/?q=", longest = kept;
-  while (longest.size() < 10'000'000) longest += "ä";
+  while (longest.size() < 1'000'000) longest += "ä";
   while (kept.size() < 4095) kept += "ä";
   setting.view.delegate->didStart();
   for (int i = 0; i < 2; ++i) setting.report(longest);
