@@ -15,7 +15,6 @@ namespace {
 using test::RealBrowser;
 using test::runUntil;
 using testing::ElementsAre;
-using testing::IsSupersetOf;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
@@ -106,10 +105,6 @@ std::string pageOfKinds(const std::string& context, const std::string& more = {}
          more;
 }
 
-struct Requests {
-  std::set<std::string> blocked, allowed;
-};
-
 class BlockedRequestsTest : public testing::Test {
  protected:
   explicit BlockedRequestsTest(const WebKitView::Options& options = RealBrowser::plain())
@@ -143,7 +138,7 @@ class BlockedRequestsTest : public testing::Test {
     }
     return found;
   }
-  std::set<std::string> blocked() {
+  std::set<std::string> blocked() const {
     EXPECT_EQ(*model.blockedCount, model.blockedURLs->size());
     return {model.blockedURLs->begin(), model.blockedURLs->end()};
   }
