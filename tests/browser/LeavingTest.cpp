@@ -13,7 +13,6 @@ namespace {
 using test::RealBrowser;
 using test::runUntil;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr const char* hostile = "http://hostile.test/";
 constexpr const char* other = "http://other.test/";
