@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <random>
 
 #include "platform/files/Descriptor.h"
@@ -20,7 +21,7 @@ namespace {
                   std::strerror(error) + ".");
 }
 
-std::string quoted(std::string_view path) {
+std::string inQuotes(std::string_view path) {
   return "\"" + std::string(path) + "\"";
 }
 
@@ -67,7 +68,7 @@ std::string resolved(std::string path) {
     target.resize(static_cast<std::size_t>(length));
     path = target.starts_with('/') ? target : folderOf(path).append("/").append(target);
   }
-  fail("write", quoted(path), ELOOP);
+  fail("write", inQuotes(path), ELOOP);
 }
 
 // A name in the folder of `path` that no file has.
@@ -89,7 +90,7 @@ void force(const Descriptor& file, const std::string& name, Durability durabilit
 // file system has no nameless files, the name is there from the start.
 std::string writeBeside(const std::string& path, const std::function<void(const Sink&)>& produce,
                         Durability durability, const mode_t* mode) {
-  const std::string name = quoted(path);
+  const std::string name = inQuotes(path);
   std::string temporary = temporaryName(path);
   constexpr mode_t allButUmask = 0666;
   const Descriptor nameless(
@@ -121,7 +122,7 @@ std::string writeBeside(const std::string& path, const std::function<void(const 
 
 std::string read(const std::string& path) {
   if (path == standardInput) return readAll(STDIN_FILENO, "standard input");
-  const std::string name = quoted(path);
+  const std::string name = inQuotes(path);
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) fail("read", name, errno);
   return readAll(file.get(), name);
@@ -153,8 +154,8 @@ void replace(const std::string& path, const std::function<void(const Sink&)>& pr
                   targetStatus.st_ino == status.st_ino && targetStatus.st_dev == status.st_dev);
   if (exists && (!S_ISREG(status.st_mode) || !hasName)) {
     const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    if (!file) fail("write", quoted(path), errno);
-    const std::string name = quoted(path);
+    if (!file) fail("write", inQuotes(path), errno);
+    const std::string name = inQuotes(path);
     return produce(sinkTo(file, name));
   }
   const mode_t mode = status.st_mode & 07777;
@@ -162,12 +163,20 @@ void replace(const std::string& path, const std::function<void(const Sink&)>& pr
   if (::rename(temporary.c_str(), target.c_str()) != 0) {
     const int error = errno;
     ::unlink(temporary.c_str());
-    fail("write", quoted(path), error);
+    fail("write", inQuotes(path), error);
   }
   if (durability == Durability::onDisk) {
     const Descriptor folder(::open(folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder) (void)::fsync(folder.get());  // the new name; not every file system can
   }
+}
+
+std::string besideProgram(const std::string& name, const std::string& installedFolder) {
+  std::error_code error;
+  const auto folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  const auto beside = folder / name;
+  if (std::filesystem::exists(beside, error)) return beside;
+  return (folder / installedFolder / name).lexically_normal();
 }
 
 }  // namespace tamsel::Files

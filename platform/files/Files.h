@@ -42,6 +42,11 @@ std::string read(const std::string& path);
 void replace(const std::string& path, std::string_view bytes,
              Durability durability = Durability::untilWritten);
 
+/// The path of something that belongs to this program: beside it, as in the folder that it was
+/// built in, or else in the folder of an installation, which is given as seen from the program's
+/// own.
+std::string besideProgram(const std::string& name, const std::string& installedFolder);
+
 /// Takes bytes for a file. Throws FileError.
 using Sink = std::function<void(std::string_view)>;
 

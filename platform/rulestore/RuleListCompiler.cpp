@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/files/Files.h"
 #include "platform/rulestore/CompilerProcess.h"
 
 namespace tamsel {
@@ -412,12 +413,7 @@ RuleListCompiler::Outcome RuleListCompiler::compile(const Job& job) const try {
 }
 
 std::string RuleListCompiler::installedHelper() {
-  constexpr std::string_view name = "tamsel-rule-compiler";
-  std::error_code error;
-  const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
-  const fs::path beside = folder / name;
-  if (fs::exists(beside, error)) return beside;
-  return folder / TAMSEL_HELPER_FOLDER / name;
+  return Files::besideProgram("tamsel-rule-compiler", TAMSEL_HELPER_FOLDER);
 }
 
 std::string RuleListCompiler::userFolder() {

@@ -48,7 +48,7 @@ bool Departure::leadsTo(std::string_view url) const {
 }
 
 bool Departure::isHinderedBy(WebKitNavigationAction* action) {
-  if (urls_.empty() || webkit_navigation_action_is_redirect(action) != FALSE) return false;
+  if (!isLeading() || webkit_navigation_action_is_redirect(action) != FALSE) return false;
   const char* url = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
   if (leadsTo(url == nullptr ? "" : url)) return false;
   isHindered_ = true;
@@ -56,7 +56,7 @@ bool Departure::isHinderedBy(WebKitNavigationAction* action) {
 }
 
 bool Departure::endsAt(std::string_view url) {
-  if (urls_.empty() || leadsTo(url) || (isRedirected_ && !isHindered_)) return true;
+  if (!isLeading() || leadsTo(url) || (isRedirected_ && !isHindered_)) return true;
   isHindered_ = true;
   return false;
 }
@@ -77,7 +77,7 @@ void Departure::resume() {
 void Departure::onAnswer() {
   isAnswered_ = true;
   // To stop is no more than that.
-  if (!urls_.empty()) return;
+  if (isLeading()) return;
   const OnEnd onEnd = onEnd_;
   onEnd(End::let);
 }

@@ -4,10 +4,11 @@
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/webview/GObjects.h"
 
 namespace tamsel {
 
@@ -38,6 +39,8 @@ class Departure {
   /// to stop.
   void leadTo(std::vector<std::string> urls) { urls_ = std::move(urls); }
 
+  bool isLeading() const { return !urls_.empty(); }
+
   /// The page begins to go somewhere. Whether this is something else, which is to be ignored.
   bool isHinderedBy(WebKitNavigationAction* action);
   /// A page has come. Whether it is the one that was wanted.
@@ -52,10 +55,6 @@ class Departure {
   void resume();
 
  private:
-  struct Unref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-  };
-
   bool leadsTo(std::string_view url) const;
   void onAnswer();
   void onPatienceEnded();
@@ -66,7 +65,7 @@ class Departure {
   std::vector<std::string> urls_;
   bool isAnswered_ = false, isHindered_ = false, isRedirected_ = false;
   guint timer_ = 0;
-  std::unique_ptr<GCancellable, Unref> question_{g_cancellable_new()};
+  GObjectPtr<GCancellable> question_{g_cancellable_new()};
 };
 
 }  // namespace tamsel

@@ -3,14 +3,6 @@
 #include <utility>
 
 namespace tamsel {
-namespace {
-
-std::string text(const char* string) {
-  return string == nullptr ? std::string() : string;
-}
-
-}  // namespace
-
 Downloads::Downloads(WebKitNetworkSession* session, WebKitWebView* view,
                      std::function<void(const std::string&)> onRefused)
     : session_(session), view_(view), onRefused_(std::move(onRefused)) {

@@ -3,9 +3,10 @@
 #include <webkit/webkit.h>
 
 #include <functional>
-#include <memory>
 #include <set>
 #include <string>
+
+#include "platform/webview/GObjects.h"
 
 namespace tamsel {
 
@@ -23,17 +24,13 @@ class Downloads {
   static std::string fileName(WebKitURIResponse* response);
 
  private:
-  struct Unref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-  };
-
   void onStarted(WebKitDownload* download);
 
   WebKitNetworkSession* session_;
   WebKitWebView* view_;
   std::function<void(const std::string&)> onRefused_;
   // Those that have no name yet.
-  std::set<std::unique_ptr<WebKitDownload, Unref>> started_;
+  std::set<GObjectPtr<WebKitDownload>> started_;
 };
 
 }  // namespace tamsel

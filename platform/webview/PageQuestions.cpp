@@ -7,13 +7,10 @@
 #include <utility>
 
 #include "platform/http/Address.h"
+#include "platform/webview/GObjects.h"
 
 namespace tamsel::PageQuestions {
 namespace {
-
-std::string text(const char* string) {
-  return string == nullptr ? std::string() : string;
-}
 
 PageDialogs::Question questionOf(WebKitScriptDialog* dialog, const std::string& pageURL) {
   const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);

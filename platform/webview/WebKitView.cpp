@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/files/Files.h"
 #include "platform/rulestore/WebKitRuleListStore.h"
 #include "platform/webview/PageQuestions.h"
 #include "platform/webview/extension/Protocol.h"
@@ -25,10 +26,6 @@ constexpr const char* messageSignal = "script-message-received::";
 // two seconds in all; a page that is to stop should rather live.
 constexpr auto patienceToLeave = std::chrono::milliseconds(1000);
 constexpr auto patienceToStop = std::chrono::milliseconds(1500);
-
-std::string text(const char* string) {
-  return string == nullptr ? std::string() : string;
-}
 
 // What a script sent.
 class ScriptMessage : public WebView::Message {
@@ -117,9 +114,8 @@ WebKitView::WebKitView(const Options& options)
 WebKitView::~WebKitView() {
   stopAwaitingAnswer();
   followPage(nullptr);
-  for (gpointer object :
-       {gpointer(view_.get()), gpointer(content_.get()), gpointer(context_.get()),
-        gpointer(session_.get()), gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
+  for (gpointer object : {gpointer(view_.get()), gpointer(content_.get()), gpointer(context_.get()),
+                          gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
     g_signal_handlers_disconnect_by_data(object, this);
   }
 }
@@ -145,12 +141,7 @@ void WebKitView::loadModule(const std::string& folder) {
 }
 
 std::string WebKitView::installedModuleFolder() {
-  std::error_code error;
-  const std::filesystem::path folder =
-      std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
-  const std::filesystem::path beside = folder / "web-process";
-  if (std::filesystem::exists(beside, error)) return beside;
-  return (folder / TAMSEL_MODULE_FOLDER).lexically_normal();
+  return Files::besideProgram("web-process", TAMSEL_MODULE_FOLDER);
 }
 
 WebKitNetworkSession* WebKitView::makeSession(const std::string& dataFolder,
@@ -333,12 +324,10 @@ void WebKitView::loadHtml(const std::string& html, const std::string& baseURL) {
 
 // Leaves the page for what the action has WebKit load.
 void WebKitView::depart(const std::string& to, const std::function<void()>& action) {
-  // It is not the person that asks for this who answers.
+  insists_ = dialogs_->isOpen();
   departure_.reset();
-  isLeaving_ = true;
   dialogs_->closeAll();
   dialogs_->startAnew();
-  isLeaving_ = false;
   action();
   watchDeparture(patienceToLeave, action);
   // WebKit may write it another way.
@@ -349,12 +338,14 @@ void WebKitView::watchDeparture(std::chrono::milliseconds patience, std::functio
   const auto onEnd = [this](Departure::End end) {
     if (end == Departure::End::let) {
       // What is still on its way the page may still hinder.
-      if (!isLoading()) departure_.reset();
+      if (!departure_->isLeading() || !isLoading()) departure_.reset();
       return;
     }
-    const std::unique_ptr<Departure> stuck = std::move(departure_);
+    // Before the page is ended, which would be an answer.
+    const auto next = departure_->again();
+    departure_.reset();
     endProcess();
-    stuck->again()();
+    next();
   };
   departure_ = std::make_unique<Departure>(view_.get(), patience, onEnd, std::move(again));
 }
@@ -403,9 +394,7 @@ void WebKitView::reloadNow() {
 }
 
 void WebKitView::stopLoading() {
-  isLeaving_ = true;
   dialogs_->closeAll();
-  isLeaving_ = false;
   stopNow();
   watchDeparture(patienceToStop, [this] {
     fail({.message = "The page did not stop and was closed. Reload to try again."});
@@ -718,8 +707,8 @@ void WebKitView::onLoadingChanged() {
 void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
   const bool asksToLeave =
       webkit_script_dialog_get_dialog_type(dialog) == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM;
-  // Somebody is about to leave, or has been asked and insists.
-  if (isLeaving_ || (departure_ != nullptr && !asksToLeave)) {
+  // Somebody is about to leave: that is what the page may ask about, and once.
+  if (departure_ != nullptr && (insists_ || !asksToLeave)) {
     if (asksToLeave) webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
     return;
   }
@@ -776,7 +765,7 @@ void WebKitView::stopAwaitingAnswer() {
 void WebKitView::onTimeout() {
   timer_ = 0;
   const std::string url = pending_ ? pending_->url : this->url();
-  stopLoading();
+  stopNow();
   fail({.message = "The site does not answer.", .url = url});
 }
 

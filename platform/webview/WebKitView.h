@@ -11,6 +11,7 @@
 
 #include "platform/webview/Departure.h"
 #include "platform/webview/Downloads.h"
+#include "platform/webview/GObjects.h"
 #include "platform/webview/PageDialogs.h"
 #include "platform/webview/RequestKeys.h"
 #include "platform/webview/WebView.h"
@@ -74,9 +75,6 @@ class WebKitView : public WebView {
   static std::string installedModuleFolder();
 
  private:
-  struct Unref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-  };
   // A page that was given as text.
   struct TextPage {
     std::string html, baseURL;
@@ -132,14 +130,14 @@ class WebKitView : public WebView {
   // The nearest entry of the history with this address; null if there is none.
   WebKitBackForwardListItem* itemOf(const std::string& url) const;
 
-  std::unique_ptr<WebKitUserContentManager, Unref> content_;
-  std::unique_ptr<WebKitWebContext, Unref> context_;
-  std::unique_ptr<WebKitNetworkSession, Unref> session_;
-  std::unique_ptr<WebKitWebView, Unref> view_;
+  GObjectPtr<WebKitUserContentManager> content_;
+  GObjectPtr<WebKitWebContext> context_;
+  GObjectPtr<WebKitNetworkSession> session_;
+  GObjectPtr<WebKitWebView> view_;
   std::unique_ptr<PageDialogs> dialogs_;
   std::optional<Downloads> downloads_;
   // The page that was requested last; tells of redirections.
-  std::unique_ptr<WebKitWebResource, Unref> page_;
+  GObjectPtr<WebKitWebResource> page_;
   Delegate* delegate_ = nullptr;
   std::shared_ptr<const RuleList> ruleList_;
   std::optional<Pending> pending_;
@@ -154,7 +152,7 @@ class WebKitView : public WebView {
   bool stopsAtStart_ = false;
   // What is to be requested again, as soon as the first request is cancelled. To WebKit, one that
   // comes earlier may get lost.
-  std::unique_ptr<WebKitURIRequest, Unref> repetition_;
+  GObjectPtr<WebKitURIRequest> repetition_;
   // Where the page or a frame of it last moved in the history.
   std::string lastMove_;
   // How often that happened to the page that is to come.
@@ -162,8 +160,8 @@ class WebKitView : public WebView {
   std::chrono::milliseconds timeout_;
   guint timer_ = 0;
   std::unique_ptr<Departure> departure_;
-  // Open dialogs are closed because somebody leaves.
-  bool isLeaving_ = false;
+  // Somebody was asked something when they left, and leaves all the same.
+  bool insists_ = false;
   // While a person is asked something, no time passes; then the wait for an answer begins anew.
   bool resumesAwaiting_ = false;
   // The page's process crashed or was ended, and the page is still to be seen.

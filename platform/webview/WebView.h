@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/rulestore/RuleListStore.h"
+#include "platform/webview/extension/Protocol.h"
 
 // GTK's, so that this needs no GTK.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
@@ -33,7 +34,8 @@ class WebView {
   /// Requests of a page that were not sent because the rule list blocks them.
   struct Blocked {
     /// The most that are named of a page, and the most bytes of a name.
-    static constexpr std::size_t mostNamed = 300, longestName = 4096;
+    static constexpr std::size_t mostNamed = WebProcess::namedURLs;
+    static constexpr std::size_t longestName = WebProcess::namedLength;
 
     /// RequestKeys of their addresses, in the order of the requests. Each address comes once, and
     /// once more when something else tells of it.
