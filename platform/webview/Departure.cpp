@@ -37,7 +37,6 @@ Departure::Departure(WebKitWebView* page, std::chrono::milliseconds patience, On
 }
 
 Departure::~Departure() {
-  pause();
   g_cancellable_cancel(question_.get());
 }
 
@@ -61,19 +60,6 @@ bool Departure::endsAt(std::string_view url) {
   return false;
 }
 
-void Departure::pause() {
-  if (const guint timer = std::exchange(timer_, 0); timer != 0) g_source_remove(timer);
-}
-
-void Departure::resume() {
-  pause();
-  const auto onTime = [](gpointer self) -> gboolean {
-    static_cast<Departure*>(self)->onPatienceEnded();
-    return G_SOURCE_REMOVE;
-  };
-  timer_ = g_timeout_add(static_cast<guint>(patience_.count()), onTime, this);
-}
-
 void Departure::onAnswer() {
   isAnswered_ = true;
   // To stop is no more than that.
@@ -83,7 +69,6 @@ void Departure::onAnswer() {
 }
 
 void Departure::onPatienceEnded() {
-  timer_ = 0;
   const OnEnd onEnd = onEnd_;
   onEnd(isAnswered_ && !isHindered_ ? End::let : End::stuck);
 }

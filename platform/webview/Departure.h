@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/webview/GObjects.h"
+#include "platform/webview/Timeout.h"
 
 namespace tamsel {
 
@@ -51,8 +52,8 @@ class Departure {
   bool isHindered() const { return isHindered_; }
 
   /// A person is asked something meanwhile: no time passes.
-  void pause();
-  void resume();
+  void pause() { timeout_.stop(); }
+  void resume() { timeout_.start(patience_); }
 
  private:
   bool leadsTo(std::string_view url) const;
@@ -64,7 +65,7 @@ class Departure {
   std::function<void()> again_;
   std::vector<std::string> urls_;
   bool isAnswered_ = false, isHindered_ = false, isRedirected_ = false;
-  guint timer_ = 0;
+  Timeout timeout_{[this] { onPatienceEnded(); }};
   GObjectPtr<GCancellable> question_{g_cancellable_new()};
 };
 

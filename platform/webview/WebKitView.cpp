@@ -112,7 +112,6 @@ WebKitView::WebKitView(const Options& options)
 }
 
 WebKitView::~WebKitView() {
-  stopAwaitingAnswer();
   followPage(nullptr);
   for (gpointer object : {gpointer(view_.get()), gpointer(content_.get()), gpointer(context_.get()),
                           gpointer(webkit_web_view_get_back_forward_list(view_.get()))}) {
@@ -369,7 +368,7 @@ void WebKitView::begin(Pending pending) {
     webkit_web_view_load_html(view_.get(), now.text->html.c_str(), now.text->baseURL.c_str());
   } else {
     webkit_web_view_load_uri(view_.get(), now.url.c_str());
-    awaitAnswer();
+    answer_.start(timeout_);
   }
 }
 
@@ -408,7 +407,7 @@ void WebKitView::stopNow() {
   stopsAtStart_ = pending_ && !isProvisional_;
   if (stopsAtStart_) return;
   pending_.reset();
-  stopAwaitingAnswer();
+  answer_.stop();
   webkit_web_view_stop_loading(view_.get());
 }
 
@@ -497,7 +496,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
       if (std::exchange(stopsAtStart_, false)) stopNow();
       break;
     case WEBKIT_LOAD_REDIRECTED:
-      if (timer_ != 0) awaitAnswer();
+      if (answer_.isRunning()) answer_.start(timeout_);
       if (departure_ != nullptr) departure_->isRedirected();
       break;
     case WEBKIT_LOAD_COMMITTED:
@@ -507,7 +506,7 @@ void WebKitView::onLoadChanged(WebKitLoadEvent event) {
       sayIfModuleIsMissing();
       if (departure_ != nullptr && !departure_->endsAt(url())) return changed();
       departure_.reset();
-      stopAwaitingAnswer();
+      answer_.stop();
       repetitions_ = 0;
       // What it refuses to request, WebKit replaces with an empty page, without a word.
       if (pending_ && url() == emptyPage && pending_->url != emptyPage) {
@@ -563,7 +562,7 @@ void WebKitView::endLoad(const Failure& failure) {
   repetitions_ = 0;
   pending_.reset();
   departure_.reset();
-  stopAwaitingAnswer();
+  answer_.stop();
   tellFailure(failure);
 }
 
@@ -670,7 +669,7 @@ void WebKitView::openInThisView(WebKitURIRequest* request) {
   pending_ = Pending{.url = url, .text = std::nullopt};
   willNavigate(url);
   webkit_web_view_load_request(view_.get(), request);
-  awaitAnswer();
+  answer_.start(timeout_);
 }
 
 void WebKitView::onProcessEnded(WebKitWebProcessTerminationReason reason) {
@@ -699,7 +698,7 @@ void WebKitView::onLoadingChanged() {
   if (!isLoading() && (departure_ == nullptr || !departure_->isHindered())) {
     pending_.reset();
     stopsAtStart_ = false;
-    stopAwaitingAnswer();
+    answer_.stop();
   }
   changed();
 }
@@ -715,7 +714,7 @@ void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
   PageQuestions::ask(*dialogs_, dialog, url(), [this] {
     pending_.reset();
     departure_.reset();
-    stopAwaitingAnswer();
+    answer_.stop();
     stayOnPage();
     // A move within the page ends what WebKit says of the other; it leads to where the page is.
     webkit_web_view_evaluate_javascript(view_.get(), "history.replaceState(history.state, '')", -1,
@@ -725,11 +724,11 @@ void WebKitView::onScriptDialog(WebKitScriptDialog* dialog) {
 
 void WebKitView::onDialogsChanged() {
   if (dialogs_->isOpen()) {
-    resumesAwaiting_ = timer_ != 0;
-    stopAwaitingAnswer();
+    resumesAwaiting_ = answer_.isRunning();
+    answer_.stop();
     if (departure_ != nullptr) departure_->pause();
   } else {
-    if (std::exchange(resumesAwaiting_, false) && pending_) awaitAnswer();
+    if (std::exchange(resumesAwaiting_, false) && pending_) answer_.start(timeout_);
     if (departure_ != nullptr) departure_->resume();
   }
 }
@@ -749,21 +748,7 @@ void WebKitView::sayIfModuleIsMissing() const {
       stderr);
 }
 
-void WebKitView::awaitAnswer() {
-  stopAwaitingAnswer();
-  const auto onTime = [](gpointer self) -> gboolean {
-    static_cast<WebKitView*>(self)->onTimeout();
-    return G_SOURCE_REMOVE;
-  };
-  timer_ = g_timeout_add(static_cast<guint>(timeout_.count()), onTime, this);
-}
-
-void WebKitView::stopAwaitingAnswer() {
-  if (const guint timer = std::exchange(timer_, 0); timer != 0) g_source_remove(timer);
-}
-
 void WebKitView::onTimeout() {
-  timer_ = 0;
   const std::string url = pending_ ? pending_->url : this->url();
   stopNow();
   fail({.message = "The site does not answer.", .url = url});

@@ -14,6 +14,7 @@
 #include "platform/webview/GObjects.h"
 #include "platform/webview/PageDialogs.h"
 #include "platform/webview/RequestKeys.h"
+#include "platform/webview/Timeout.h"
 #include "platform/webview/WebView.h"
 
 namespace tamsel {
@@ -122,8 +123,6 @@ class WebKitView : public WebView {
   void onProcessEnded(WebKitWebProcessTerminationReason reason);
   void onResponsivenessChanged();
   void onTimeout();
-  void awaitAnswer();
-  void stopAwaitingAnswer();
   void changed();
   // The last entry of the history, which is not shown while a page of text is.
   WebKitBackForwardListItem* behindTextPage() const;
@@ -158,7 +157,8 @@ class WebKitView : public WebView {
   // How often that happened to the page that is to come.
   int repetitions_ = 0;
   std::chrono::milliseconds timeout_;
-  guint timer_ = 0;
+  // Runs while one is awaited.
+  Timeout answer_{[this] { onTimeout(); }};
   std::unique_ptr<Departure> departure_;
   // Somebody was asked something when they left, and leaves all the same.
   bool insists_ = false;
