@@ -169,7 +169,7 @@ void TesterView::ask(const std::string& url, const std::string& pageURL) {
 }
 
 void TesterView::start(Types types) {
-  test_ = test(types);
+  tests_.add(test(types));
 }
 
 Task<void> TesterView::test(Types types) {

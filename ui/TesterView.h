@@ -53,8 +53,7 @@ class TesterView : public Gtk::Box {
   Gtk::Label* headline_ = nullptr;
   RuleRow first_, second_;
   Gtk::Label* thirdParty_ = nullptr;
-  // The latest: what comes of one before it is not shown.
-  Task<void> test_;
+  TaskScope tests_;
 };
 
 }  // namespace tamsel
