@@ -153,7 +153,7 @@ TEST(BrowserModel, ShowsWhatTheViewTells) {
   }
 }
 
-TEST(BrowserModel, CountsEachBlockedURLOnceAndKeepsTheFirst) {
+TEST(BrowserModel, CountsEachBlockedURLOnce) {
   AppSetting setting("||ads.test^\n||pixel.test^$image");
   setting.report("http://ads.test/0");  // there are no rules yet
   setting.settle();
@@ -161,13 +161,11 @@ TEST(BrowserModel, CountsEachBlockedURLOnceAndKeepsTheFirst) {
   setting.report(std::nullopt);
   setting.report("data:image/png,http://ads.test/");
   setting.report("http://pixel.test/", "script");
-  std::vector<std::string> urls;
-  for (int i = 0; i < 300; ++i) urls.push_back("http://ads.test/" + std::to_string(i));
-  for (const std::string& url : urls) setting.report(url);
-  for (int i = 0; i < 1000; ++i) setting.report("http://ads.test/often");
+  for (const char* url : {"http://ads.test/0", "http://ads.test/1", "http://ads.test/0"}) {
+    setting.report(url);
+  }
   setting.settle();
-  EXPECT_EQ(*setting.model.blockedCount, 301);
-  EXPECT_EQ(*setting.model.blockedURLs, urls);
+  EXPECT_THAT(*setting.model.blockedURLs, ElementsAre("http://ads.test/0", "http://ads.test/1"));
 
   // At the most that is kept there is the middle of a character.
   std::string kept = "http://ads.test/?q=", longest = kept;
