@@ -56,23 +56,6 @@ TEST(TextPool, MakesTextsThatOutliveIt) {
   EXPECT_EQ(last.view(), expected[19999]);
 }
 
-TEST(Text, MovesLeaveItEmptyAndUsable) {
-  Text text("abc");
-  Maybe<Text> maybe(text);
-  TextList list{"a", "b"};
-  const Text movedText = std::move(text);
-  const Maybe<Text> movedMaybe = std::move(maybe);
-  const TextList movedList = std::move(list);
-  EXPECT_EQ(text, Text());      // NOLINT(bugprone-use-after-move)
-  EXPECT_FALSE(maybe);          // NOLINT(bugprone-use-after-move)
-  EXPECT_EQ(list, TextList());  // NOLINT(bugprone-use-after-move)
-  EXPECT_EQ(list.begin(), list.end());
-  text = movedText;
-  EXPECT_EQ(text, "abc");
-  EXPECT_EQ(*movedMaybe, "abc");
-  EXPECT_EQ(movedList, (TextList{"a", "b"}));
-}
-
 TEST(Uuid, ReadsAndWritesItsText) {
   const std::string upper = "01234567-89AB-CDEF-FEDC-BA9876543210";
   for (const std::string& text : {upper, "01234567-89ab-cdef-FEDC-ba9876543210"s}) {

@@ -4,7 +4,6 @@
 #include <unicode/unistr.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "engine/Site.h"
 
@@ -14,17 +13,6 @@ namespace {
 icu::UnicodeString utf16(std::string_view text) {
   return icu::UnicodeString::fromUTF8(
       icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
-}
-
-const std::string letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-const std::string digits = "0123456789";
-
-bool consistsOf(std::string_view text, const std::string& characters) {
-  return text.find_first_not_of(characters) == std::string_view::npos;
-}
-
-bool isControlOrSpace(char c) {
-  return static_cast<unsigned char>(c) <= ' ' || c == 0x7F;
 }
 
 bool covers(std::string_view entry, std::string_view host) {
@@ -47,35 +35,20 @@ struct PlainScan::Request {
 };
 
 std::optional<std::string> PlainScan::hostOf(std::string_view url) {
-  const std::size_t colon = url.find_first_of(":/?#");
-  if (colon != std::string_view::npos && url[colon] == ':') {
-    const std::string_view scheme = url.substr(0, colon);
-    if (scheme.empty() || !consistsOf(scheme.substr(0, 1), letters)) return std::nullopt;
-    if (!consistsOf(scheme, letters + digits + "+.-")) return std::nullopt;
-    url.remove_prefix(colon + 1);
-  }
-  if (!url.starts_with("//")) return std::nullopt;
-  url.remove_prefix(2);
-  std::string_view authority = url.substr(0, url.find_first_of("/?#"));
-  if (std::any_of(authority.begin(), authority.end(), isControlOrSpace)) return std::nullopt;
-  authority.remove_prefix(authority.rfind('@') + 1);  // npos + 1 is 0
-
-  std::string_view host, rest;
-  if (authority.starts_with('[')) {
-    const std::size_t end = authority.find(']');
-    if (end == std::string_view::npos) return std::nullopt;
-    host = authority.substr(1, end - 1);
-    rest = authority.substr(end + 1);
-  } else {
-    host = authority.substr(0, authority.find(':'));
-    rest = authority.substr(host.size());
-  }
-  if (!rest.empty() && (rest[0] != ':' || !consistsOf(rest.substr(1), digits))) return std::nullopt;
-  if (rest.size() > 1 && std::strtod(std::string(rest.substr(1)).c_str(), nullptr) > 65535)
-    return std::nullopt;
-  if (host.empty()) return std::nullopt;
+  // The scheme, no blank up to the end, the user, the host (in brackets or not), the port.
+  static const std::string authority =
+      R"(^([a-zA-Z][a-zA-Z0-9+.-]*:)?//(?=[^/?#\x00-\x20\x7F]*([/?#]|\z))([^/?#]*@)?)"
+      R"((?:\[([^\]/?#@]+)\]|([^\[:/?#@][^:/?#@]*))(:0*([0-9]{0,4}|[1-5][0-9]{4}|6[0-4][0-9]{3}|)"
+      R"(65[0-4][0-9]{2}|655[0-2][0-9]|6553[0-5]))?([/?#]|\z))";
+  UErrorCode status = U_ZERO_ERROR;
+  static icu::RegexMatcher form(utf16(authority), 0, status);
+  const icu::UnicodeString text = utf16(url);
+  form.reset(text);
+  if (form.find(status) == 0) return std::nullopt;
   std::string lower;
-  return utf16(host).toLower(icu::Locale::getRoot()).toUTF8String(lower);
+  return (form.group(4, status) + form.group(5, status))
+      .toLower(icu::Locale::getRoot())
+      .toUTF8String(lower);
 }
 
 Engine::Verdict PlainScan::evaluate(std::string_view url, std::optional<std::string_view> pageURL,

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -21,15 +19,6 @@ using testing::ElementsAreArray;
 
 constexpr const char* starter = "Tamsel Starter List";
 constexpr const char* note = "Over WebKit's 150000 rule limit — extra rules were dropped.";
-
-std::string read(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
 
 class RulesWindowTest : public test::WindowTest {
  protected:
@@ -77,15 +66,15 @@ TEST_F(RulesWindowTest, CountsAndExportsWhatTheCommandLineDoes) {
   awaitText("Custom list: 2 rules");
 
   const json saved = json::parse(state());
-  write(path("starter"), saved["lists"][0]["text"].get<std::string>());
-  write(path("pasted"), pasted);
-  write(path("custom"), custom);
+  write("starter", saved["lists"][0]["text"].get<std::string>());
+  write("pasted", pasted);
+  write("custom", custom);
   const std::string in = "cd '" + path("") + "' && ";
   ASSERT_EQ(std::system((in + TAMSELC_PATH +
                          " compile starter pasted custom -o expected --report report 2>log")
                             .c_str()),
             0);
-  const json report = json::parse(read(path("report")));
+  const json report = json::parse(read("report"));
   showTab("Rules");
   awaitText(std::to_string(report["rules"].get<int>()) +
             " WebKit content-blocker rules compiled from enabled lists");
@@ -106,7 +95,7 @@ TEST_F(RulesWindowTest, CountsAndExportsWhatTheCommandLineDoes) {
   window().setText("Name:", path("exported.json"));
   // The toolkit says the name of the dialogue's button twice.
   window().act(ATSPI_ROLE_PUSH_BUTTON, "Save Save");
-  await("the file", [&] { return read(path("exported.json")) == read(path("expected")); });
+  await("the file", [&] { return read("exported.json") == read("expected"); });
   showTab("Lists");
   awaitText("Exported 43 rules to exported.json.");
 }

@@ -18,6 +18,7 @@ int exitCode(GSubprocess* process) {
 }
 
 }  // namespace
+
 WindowTest::~WindowTest() {
   if (process_ == nullptr) return;
   g_subprocess_force_exit(process_);
@@ -79,9 +80,13 @@ void WindowTest::awaitCount(const std::string& count) {
   await(text, [&] { return window_->find(ATSPI_ROLE_LABEL, text) != nullptr; });
 }
 
-std::string WindowTest::state() const {
-  std::ifstream file(path("Tamsel/state.json"));
+std::string WindowTest::read(const std::string& name) const {
+  std::ifstream file(path(name), std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WindowTest::write(const std::string& name, const std::string& text) const {
+  std::ofstream(path(name), std::ios::binary) << text;
 }
 
 }  // namespace tamsel::test

@@ -25,7 +25,6 @@ class WindowTest : public testing::Test {
   int startAgain();
 
   AccessibleApp& window() { return *window_; }
-  GSubprocess* process() { return process_; }
   void showTab(const std::string& name);
 
   /// Waits until it is so. If that takes too long, the exception tells what the window shows.
@@ -34,10 +33,12 @@ class WindowTest : public testing::Test {
   void awaitText(const std::string& prefix);
   void awaitCount(const std::string& count);
 
-  /// What is saved.
-  std::string state() const;
-  /// A file for the test's own use.
+  /// A file in the home, where the test may have its own too.
   std::string path(const std::string& name) const { return home_.path() + "/" + name; }
+  std::string read(const std::string& name) const;
+  void write(const std::string& name, const std::string& text) const;
+  /// What is saved.
+  std::string state() const { return read("Tamsel/state.json"); }
 
  private:
   GSubprocess* launch() const;
