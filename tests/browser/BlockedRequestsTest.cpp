@@ -244,26 +244,19 @@ TEST_F(BlockedRequestsTest, AreNotWhatFailsForOtherReasons) {
 
 // Pages say what WebKit says, and reach nothing that the program listens to.
 TEST_F(BlockedRequestsTest, CannotBeMadeUp) {
-  const std::string notice =
-      "Content blocker prevented frame displaying http://page.test/ from loading a resource from "
-      "http://ads.test/";
-  show(
-      "<script>for (const say of ['log', 'info', 'warn', 'error', 'debug', 'trace', 'assert']) "
-      "console[say]('" +
-      notice +
-      "made-up');"
-      "setTimeout(() => { throw '" +
-      notice +
-      "thrown'; }, 0);"
-      "Promise.reject('" +
-      notice +
-      "rejected');"
-      "for (const name of ['tmBlocked', 'tamsel-channel', 'tamsel-channel-wanted', 'blocked'])"
-      "  dispatchEvent(new CustomEvent(name, { detail: 'img http://ads.test/' + name }));"
-      "var done = Promise.all([self.webkit && webkit.messageHandlers && "
-      "  webkit.messageHandlers.tmBlocked, new Promise(end => setTimeout(end, 0))]).then(String);"
-      "</script><iframe src=\"data:text/html,<img src='http://ads.test/in-data'>" +
-      notice + "data\"></iframe>");
+  show(R"js(<script>
+    const notice = 'Content blocker prevented frame displaying http://page.test/ from loading a '
+        + 'resource from http://ads.test/';
+    for (const say of ['log', 'info', 'warn', 'error', 'debug', 'trace', 'assert'])
+      console[say](notice + 'made-up');
+    setTimeout(() => { throw notice + 'thrown'; }, 0);
+    Promise.reject(notice + 'rejected');
+    for (const name of ['tmBlocked', 'tamsel-channel', 'tamsel-channel-wanted', 'blocked'])
+      dispatchEvent(new CustomEvent(name, { detail: 'img http://ads.test/' + name }));
+    var done = Promise.all([self.webkit && webkit.messageHandlers &&
+        webkit.messageHandlers.tmBlocked, new Promise(end => setTimeout(end, 0))]).then(String);
+    document.write(`<iframe src="data:text/html,<img src='http://ads.test/in-data'>${notice}data">`);
+  </script>)js");
   EXPECT_EQ(browser.evaluate("done"), ",");
   browser.settle();
   EXPECT_THAT(blocked(), ElementsAre("http://ads.test/in-data"));

@@ -252,17 +252,17 @@ TEST_F(SlowSiteTest, DoesNotAnswer) {
 }
 
 TEST(StarterList, FiltersTheDemoPage) {
-  const auto browser = RealBrowser::withStarterList();
-  BrowserModel& model = browser->model();
+  RealBrowser browser{RealBrowser::FirstStart()};
+  BrowserModel& model = browser.model();
   runUntil([&model] { return *model.blockedCount == 4 && !*model.isLoading; });
   for (const bool isFiltered : {false, true}) {
-    awaitPageAfter(*browser, [&] { model.setPausedHere(!isFiltered); });
-    EXPECT_EQ(browser->evaluate("[...document.querySelectorAll('div')].map("
-                                "box => getComputedStyle(box).display)"),
+    awaitPageAfter(browser, [&] { model.setPausedHere(!isFiltered); });
+    EXPECT_EQ(browser.evaluate("[...document.querySelectorAll('div')].map("
+                               "box => getComputedStyle(box).display)"),
               isFiltered ? "none,none,none,block" : "block,block,block,block");
     // Secure sites are asked for a connection.
-    EXPECT_GT(browser->sites.timesRequested("http://ads.example.com:443/"), 0);
-    EXPECT_EQ(browser->sites.timesRequested("http://tracker.example.net:443/") > 0, !isFiltered);
+    EXPECT_GT(browser.sites.timesRequested("http://ads.example.com:443/"), 0);
+    EXPECT_EQ(browser.sites.timesRequested("http://tracker.example.net:443/") > 0, !isFiltered);
     EXPECT_EQ(*model.blockedCount, isFiltered ? 4 : 0);
     const std::vector<std::string> blocked = {
         "https://ads.example.com/banner.png", "https://ad.doubleclick.net/pixel.gif",

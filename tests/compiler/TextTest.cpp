@@ -14,20 +14,6 @@ namespace {
 using namespace std::string_literals;
 using test::ExactCopy;
 
-TEST(Text, ComparesByContentAndSharesCopies) {
-  for (const std::string& bytes : {""s, "a"s, "\0b\0"s, "\xFF\xC3"s, std::string(100000, 'x')}) {
-    SCOPED_TRACE(testing::PrintToString(bytes.substr(0, 20)));
-    const Text text{std::string_view(ExactCopy(bytes))};
-    EXPECT_EQ(text.view(), bytes);
-    EXPECT_EQ(text.size(), bytes.size());
-    EXPECT_EQ(text.empty(), bytes.empty());
-    EXPECT_EQ(text, Text(bytes));
-    EXPECT_FALSE(text == Text(bytes + "y"));
-    const Text copy = text;
-    EXPECT_TRUE(copy.sharesStorageWith(text));
-  }
-}
-
 TEST(TextPool, MakesTextsThatOutliveIt) {
   // More than several chunks hold, and some too long for any chunk.
   std::vector<Text> texts;

@@ -15,6 +15,7 @@
 #include "tests/support/ExactCopy.h"
 #include "tests/support/PlainScan.h"
 #include "tests/support/Rules.h"
+#include "tests/support/WebKitRules.h"
 
 namespace tamsel {
 namespace {
@@ -27,6 +28,7 @@ using test::oneIn;
 using test::pick;
 using test::pickBelow;
 using test::PlainScan;
+using test::repeated;
 using test::verdictText;
 
 using Strings = std::vector<std::string>;
@@ -38,12 +40,6 @@ struct Request {
   std::optional<std::string> page;
   std::string type;
 };
-
-std::string repeated(std::size_t count, std::string_view text) {
-  std::string result;
-  while (count-- > 0) result += text;
-  return result;
-}
 
 // An engine and the matcher that it must agree with.
 class Pair {

@@ -216,27 +216,19 @@ bool AccessibleApp::isSensitive(AtspiRole role, const std::string& name) const {
   return hasState(role, name, ATSPI_STATE_SENSITIVE);
 }
 
-Element AccessibleApp::field(const std::string& name) const {
-  return await(ATSPI_ROLE_TEXT, name);
-}
-
 std::string AccessibleApp::textOf(const std::string& name) const {
-  const Element element = field(name);
+  const Element element = await(ATSPI_ROLE_TEXT, name);
   const std::unique_ptr<AtspiText, Unref> text(atspi_accessible_get_text_iface(element.get()));
   const int end = atspi_text_get_character_count(text.get(), nullptr);
   return take(atspi_text_get_text(text.get(), 0, end, nullptr));
 }
 
 void AccessibleApp::setText(const std::string& name, const std::string& text) const {
-  const Element element = field(name);
+  const Element element = await(ATSPI_ROLE_TEXT, name);
   const std::unique_ptr<AtspiEditableText, Unref> editable(
       atspi_accessible_get_editable_text_iface(element.get()));
   if (editable == nullptr) throw std::runtime_error(name + " cannot be edited.");
   atspi_editable_text_set_text_contents(editable.get(), text.c_str(), nullptr);
-}
-
-bool AccessibleApp::isFocused(const std::string& name) const {
-  return has(field(name), ATSPI_STATE_FOCUSED);
 }
 
 void AccessibleApp::tabTo(const std::string& name) const {

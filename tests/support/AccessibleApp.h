@@ -56,7 +56,6 @@ class AccessibleApp {
   /// Of the text field with this name.
   std::string textOf(const std::string& name) const;
   void setText(const std::string& name, const std::string& text) const;
-  bool isFocused(const std::string& name) const;
   /// Goes from control to control with the keyboard, until it is this one.
   void tabTo(const std::string& name) const;
 
@@ -70,7 +69,6 @@ class AccessibleApp {
   bool hasState(AtspiRole role, const std::string& name, AtspiStateType state) const;
   Element root() const;
   Element await(AtspiRole role, const std::string& name) const;
-  Element field(const std::string& name) const;
 
   Element application_;
 };

@@ -35,10 +35,9 @@ class RealBrowser {
   /// With the module for the web processes, on which the count stands.
   static WebKitView::Options plain() { return {.moduleFolder = TAMSEL_MODULE_PATH}; }
 
-  /// As on a first start.
-  static std::unique_ptr<RealBrowser> withStarterList() {
-    return std::unique_ptr<RealBrowser>(new RealBrowser(FirstStart()));
-  }
+  /// The application as on a first start, with the starter list.
+  struct FirstStart {};
+  explicit RealBrowser(FirstStart) { start("", plain()); }
 
   ~RealBrowser() {
     gtk_window_destroy(GTK_WINDOW(window_));
@@ -114,9 +113,6 @@ class RealBrowser {
   }
 
  private:
-  struct FirstStart {};
-  explicit RealBrowser(FirstStart) { start("", plain()); }
-
   void start(const std::string& state, WebKitView::Options options) {
     if (!state.empty()) Files::replace(folder_.path() + "/state.json", state);
     // In one that keeps nothing, WebKit does not tell what it blocks.

@@ -23,7 +23,7 @@ class BrowserWindowTest : public test::WindowTest {
     // A key that comes before the window has the focus is lost.
     await("the address to be selected", [this] {
       AccessibleApp::press("<Control>l");
-      return window().isFocused("Address");
+      return window().focused() == "Address";
     });
   }
   void browse(const std::string& url) {
