@@ -18,7 +18,9 @@
 #include "platform/rulestore/RuleListStore.h"
 #include "platform/savepanel/SavePanel.h"
 #include "state/Browser.h"
+#include "state/CompileQueue.h"
 #include "state/FilterList.h"
+#include "state/StateFile.h"
 
 namespace tamsel {
 
@@ -73,15 +75,19 @@ class AppState {
   Observable<std::optional<std::string>> compileError{objectWillChange};
   /// Whether the last rebuild dropped rules beyond `ruleLimit`.
   Observable<bool> truncated{objectWillChange};
+  /// What a person should know beyond that, in a sentence, until it is no longer so or they have
+  /// seen it: that the state could not be read, or is not saved. Empty if there is nothing.
+  Observable<std::string> notice{objectWillChange};
 
   /// The matcher of the last rebuild; null before the first.
   const std::shared_ptr<const Engine>& engine() const noexcept { return engine_; }
   Browser& browser() const noexcept { return *platform_.browser; }
 
-  /// Writes the whole state. A failure is ignored: the next call writes it all again.
-  void save() const;
+  /// Writes the whole state. A failure is a notice: the next call writes it all again.
+  void save();
 
-  /// Compiles the enabled lists and the custom rules anew; a rebuild under way is cancelled.
+  /// Compiles the enabled lists and the custom rules anew. What an earlier call began ends without
+  /// a trace.
   void rebuild();
 
   /// Adds a pasted list. Without a name, it has its title.
@@ -125,23 +131,31 @@ class AppState {
   struct Rebuild;
 
   void load();
-  std::string stateFile() const { return platform_.supportDir + "/state.json"; }
+  Persisted persisted() const;
 
-  Task<void> performRebuild();
+  Task<void> performRebuild(CompileQueue::Turn turn);
+  Task<void> compile(Rebuild& rebuild);
   void publish(Rebuild& rebuild);
+  void publishFailure(const std::string& sentence);
+  static std::shared_ptr<const ByteBuffer> emptyDocument();
 
-  Task<void> performRefresh(std::optional<Uuid> id);
-  Task<Text> download(std::string url);
+  // Nothing if there is room for it in the state file, else why not, in a sentence.
+  std::optional<std::string> refusalOf(const FilterList& list) const;
   void append(FilterList list);
+  Task<void> performRefresh(std::optional<Uuid> id);
+  Task<std::string> downloadAgain(std::optional<Uuid> id);
 
   Task<void> performExport();
 
   Platform platform_;
+  StateFile stateFile_;
+  CompileQueue compileQueue_;
   std::shared_ptr<const Engine> engine_;
   /// What WebKit last compiled.
   std::shared_ptr<const ByteBuffer> exportData_;
+  /// What was last to be saved could not be.
+  bool isUnsaved_ = false;
   TaskScope tasks_;
-  TaskScope::Handle rebuildTask_;
 };
 
 }  // namespace tamsel

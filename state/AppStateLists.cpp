@@ -1,14 +1,13 @@
-// The operations of AppState that change lists, paused sites and files of the user's.
+// The operations of AppState on lists: adding, switching, removing, refreshing.
 
 #include <algorithm>
-#include <filesystem>
 #include <utility>
 
 #include "compiler/Unicode.h"
-#include "platform/files/Files.h"
 #include "platform/http/Address.h"
-#include "platform/mainloop/Awaiting.h"
+#include "platform/mainloop/Uncaught.h"
 #include "state/AppState.h"
+#include "state/ListDownload.h"
 
 namespace tamsel {
 namespace {
@@ -17,20 +16,11 @@ constexpr std::string_view titleHeader = "! title:";
 constexpr std::size_t titleDepth = 20;  // lines
 constexpr const char* pastedName = "Pasted list";
 constexpr const char* downloadedName = "List";
-constexpr unsigned firstGoodStatus = 200;
-constexpr unsigned firstBadStatus = 300;
 
 bool beginsWithIgnoringCase(std::string_view text, std::string_view lowerCasePrefix) {
   return text.size() >= lowerCasePrefix.size() &&
          std::equal(lowerCasePrefix.begin(), lowerCasePrefix.end(), text.begin(),
                     [](char expected, char c) { return expected == Unicode::asciiLower(c); });
-}
-
-// Whether an entry is for the host or for one above it; both normalised.
-bool covers(std::string_view entry, std::string_view host) {
-  if (!host.ends_with(entry)) return false;
-  host.remove_suffix(entry.size());
-  return host.empty() || host.ends_with('.');
 }
 
 FilterList* find(std::vector<FilterList>& lists, const Uuid& id) {
@@ -58,6 +48,15 @@ std::optional<std::string> AppState::title(std::string_view text) {
   return std::nullopt;
 }
 
+std::optional<std::string> AppState::refusalOf(const FilterList& list) const {
+  Persisted with = persisted();
+  std::erase_if(with.lists, [&list](const FilterList& other) { return other.id == list.id; });
+  with.lists.push_back(list);
+  const std::string refusal = StateFile::refusalOf(with);
+  if (refusal.empty()) return std::nullopt;
+  return "The list \"" + list.name + "\" is too large. " + refusal;
+}
+
 void AppState::append(FilterList list) {
   lists.modify([&list](auto& all) { all.push_back(std::move(list)); });
   save();
@@ -65,7 +64,12 @@ void AppState::append(FilterList list) {
 }
 
 void AppState::addList(const std::string& name, const std::string& text) {
-  append({.name = name.empty() ? title(text).value_or(pastedName) : name, .text = text});
+  FilterList list{.name = name.empty() ? title(text).value_or(pastedName) : name, .text = text};
+  if (const std::optional<std::string> refusal = refusalOf(list)) {
+    notice = *refusal;
+    return;
+  }
+  append(std::move(list));
 }
 
 Task<std::optional<std::string>> AppState::addListFromAddress(std::string name,
@@ -77,7 +81,7 @@ Task<std::optional<std::string>> AppState::addListFromAddress(std::string name,
   }
   Text downloaded;
   try {
-    auto downloading = download(text);
+    auto downloading = ListDownload::get(platform_.httpClient, text);
     downloaded = co_await downloading;
   } catch (const std::exception& error) {
     co_return std::string("Download failed: ") + error.what();
@@ -85,7 +89,9 @@ Task<std::optional<std::string>> AppState::addListFromAddress(std::string name,
   if (name.empty()) {
     name = title(downloaded).value_or(address->host.empty() ? downloadedName : address->host);
   }
-  append({.name = std::move(name), .url = text, .text = downloaded, .updated = Date::now()});
+  FilterList list{.name = std::move(name), .url = text, .text = downloaded, .updated = Date::now()};
+  if (const std::optional<std::string> refusal = refusalOf(list)) co_return refusal;
+  append(std::move(list));
   co_return std::nullopt;
 }
 
@@ -116,7 +122,21 @@ void AppState::refresh(std::optional<Uuid> id) {
 Task<void> AppState::performRefresh(std::optional<Uuid> id) {
   isRefreshing = true;
   statusMessage = "Refreshing lists…";
+  std::string outcome;
+  try {
+    auto downloading = downloadAgain(id);
+    outcome = co_await downloading;
+  } catch (...) {
+    outcome = Uncaught::sentence(std::current_exception());
+  }
+  save();
+  isRefreshing = false;
+  statusMessage = outcome;
+  rebuild();
+}
 
+// Returns what came of it, in a sentence.
+Task<std::string> AppState::downloadAgain(std::optional<Uuid> id) {
   struct Target {
     Uuid id;
     std::string url;
@@ -132,19 +152,25 @@ Task<void> AppState::performRefresh(std::optional<Uuid> id) {
     std::optional<Text> text;
     std::string error;
     try {
-      auto downloading = download(target.url);
+      auto downloading = ListDownload::get(platform_.httpClient, target.url);
       text = co_await downloading;
     } catch (const std::exception& failure) {
       error = failure.what();
-      ++failures;
     }
     // The list may be gone, or elsewhere, by now.
-    const bool isThere = std::any_of(lists->begin(), lists->end(),
-                                     [&](const FilterList& list) { return list.id == target.id; });
-    if (!isThere) continue;
+    const auto found = std::find_if(lists->begin(), lists->end(),
+                                    [&](const FilterList& list) { return list.id == target.id; });
+    if (text && found != lists->end()) {
+      FilterList renewed = *found;
+      renewed.text = *text;
+      error = refusalOf(renewed).value_or("");
+    }
+    const bool failed = !text || !error.empty();
+    if (failed) ++failures;
+    if (found == lists->end()) continue;
     lists.modify([&](auto& all) {
       FilterList& list = *find(all, target.id);
-      if (!text) {
+      if (failed) {
         list.lastError = error;
         return;
       }
@@ -154,80 +180,9 @@ Task<void> AppState::performRefresh(std::optional<Uuid> id) {
     });
   }
 
-  save();
-  isRefreshing = false;
-  if (targets.empty()) {
-    statusMessage = "No downloadable lists to refresh.";
-  } else if (failures > 0) {
-    statusMessage = "Refreshed with " + std::to_string(failures) + " failure(s).";
-  } else {
-    statusMessage = "Refreshed " + std::to_string(targets.size()) + " list(s).";
-  }
-  rebuild();
-}
-
-Task<Text> AppState::download(std::string url) {
-  auto transfer = platform_.httpClient.get(std::move(url));
-  HttpClient::Response response = co_await transfer;
-  if (response.status < firstGoodStatus || response.status >= firstBadStatus) {
-    throw std::runtime_error("HTTP " + std::to_string(response.status));
-  }
-  auto decoding = detached([body = std::move(response.body)]() mutable {
-    return Text(Unicode::repaired(std::move(body)));
-  });
-  co_return co_await decoding;
-}
-
-std::string AppState::siteName(std::string_view host) {
-  constexpr std::string_view prefix = "www.";
-  std::string lower = Unicode::lowercased(host);
-  return lower.starts_with(prefix) ? lower.substr(prefix.size()) : lower;
-}
-
-bool AppState::isPaused(std::string_view host) const {
-  const std::string name = siteName(host);
-  return !name.empty() &&
-         std::any_of(pausedSites->begin(), pausedSites->end(),
-                     [&name](const std::string& entry) { return covers(entry, name); });
-}
-
-void AppState::setPaused(std::string_view host, bool paused) {
-  const std::string name = siteName(host);
-  if (name.empty()) return;
-  pausedSites.modify([&](std::set<std::string>& sites) {
-    if (paused) {
-      sites.insert(name);
-    } else {
-      std::erase_if(sites, [&name](const std::string& entry) { return covers(entry, name); });
-    }
-  });
-  save();
-}
-
-void AppState::exportJSON() {
-  tasks_.add(performExport());
-}
-
-Task<void> AppState::performExport() {
-  auto asking = platform_.savePanel.ask(
-      {.fileName = "Tamsel-content-blocker.json",
-       .message = "Saves the compiled WebKit content blocker JSON. Safari itself is not changed.",
-       .mediaType = "application/json"});
-  const std::optional<std::string> path = co_await asking;
-  if (!path) co_return;
-  const std::size_t rules = totalRules;
-  auto writing = detached([path = *path, document = exportData_]() -> std::optional<std::string> {
-    try {
-      Files::replace(path, document->view());
-      return std::nullopt;
-    } catch (const Files::FileError& failure) {
-      return failure.what();
-    }
-  });
-  const std::optional<std::string> error = co_await writing;
-  statusMessage = error ? "Export failed: " + *error
-                        : "Exported " + std::to_string(rules) + " rules to " +
-                              std::filesystem::path(*path).filename().string() + ".";
+  if (targets.empty()) co_return "No downloadable lists to refresh.";
+  if (failures > 0) co_return "Refreshed with " + std::to_string(failures) + " failure(s).";
+  co_return "Refreshed " + std::to_string(targets.size()) + " list(s).";
 }
 
 }  // namespace tamsel

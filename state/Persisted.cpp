@@ -16,27 +16,39 @@ using Json = nlohmann::json;
 // 2001-01-01 00:00:00 UTC, in seconds since 1970.
 constexpr double referenceDate = 978307200;
 
+// Where a JSON text goes, or only its length.
+struct Length {
+  void append(std::string_view text) { length += text.size(); }
+  std::size_t length = 0;
+};
+
 // Appends to a JSON text. The lists' texts are megabytes of plain characters, which are copied in
 // runs.
+template <typename Output>
 class Writer {
  public:
-  void raw(std::string_view text) { json_ += text; }
+  explicit Writer(Output& output) : output_(output) {}
+
+  void raw(std::string_view text) {
+    output_.append(text);
+    isFirstMember_ = text.ends_with('{');
+  }
 
   void string(std::string_view text) {
-    json_ += '"';
+    raw("\"");
     if (Unicode::isAscii(text)) {
       escaped(text);
     } else {
       escaped(Unicode::repaired(std::string(text)));
     }
-    json_ += '"';
+    raw("\"");
   }
 
   // `,"name":` behind which a value is to follow.
   void name(std::string_view member) {
-    json_ += json_.ends_with('{') ? "\"" : ",\"";
-    json_ += member;
-    json_ += "\":";
+    raw(isFirstMember_ ? "\"" : ",\"");
+    raw(member);
+    raw("\":");
   }
   void member(std::string_view memberName, std::string_view value) {
     name(memberName);
@@ -44,14 +56,12 @@ class Writer {
   }
   void member(std::string_view memberName, bool value) {
     name(memberName);
-    json_ += value ? "true" : "false";
+    raw(value ? "true" : "false");
   }
   void member(std::string_view memberName, double value) {
     name(memberName);
-    json_ += Json(value).dump();
+    raw(Json(value).dump());
   }
-
-  std::string take() { return std::move(json_); }
 
  private:
   void escaped(std::string_view text) {
@@ -60,7 +70,7 @@ class Writer {
         return c == '"' || c == '\\' || c == '/' || static_cast<unsigned char>(c) < 0x20;
       });
       const auto plain = static_cast<std::size_t>(special - text.begin());
-      json_ += text.substr(0, plain);
+      output_.append(text.substr(0, plain));
       text.remove_prefix(plain);
       if (text.empty()) return;
       escape(text.front());
@@ -72,20 +82,23 @@ class Writer {
     constexpr std::string_view plain = "\"\\/\b\t\n\f\r";
     constexpr std::string_view letters = "\"\\/btnfr";
     constexpr std::string_view digits = "0123456789abcdef";
-    json_ += '\\';
+    std::string escape = "\\";
     if (const std::size_t at = plain.find(c); at != std::string_view::npos) {
-      json_ += letters[at];
+      escape += letters[at];
     } else {
-      json_ += "u00";
-      json_ += digits[static_cast<std::size_t>(c) >> 4];
-      json_ += digits[static_cast<std::size_t>(c) & 0xF];
+      escape += "u00";
+      escape += digits[static_cast<std::size_t>(c) >> 4];
+      escape += digits[static_cast<std::size_t>(c) & 0xF];
     }
+    output_.append(escape);
   }
 
-  std::string json_;
+  Output& output_;
+  bool isFirstMember_ = false;
 };
 
-void write(Writer& writer, const FilterList& list) {
+template <typename Output>
+void write(Writer<Output>& writer, const FilterList& list) {
   writer.raw("{");
   writer.member("id", list.id.string());
   writer.member("name", list.name);
@@ -95,6 +108,26 @@ void write(Writer& writer, const FilterList& list) {
   if (list.updated) writer.member("updated", list.updated->seconds);
   writer.member("isBuiltIn", list.isBuiltIn);
   if (list.lastError) writer.member("lastError", *list.lastError);
+  writer.raw("}");
+}
+
+template <typename Output>
+void write(Output& output, const Persisted& state) {
+  Writer writer(output);
+  const auto writeAll = [&writer](const auto& values, const auto& writeOne) {
+    writer.raw("[");
+    for (const auto& value : values) {
+      if (&value != values.data()) writer.raw(",");
+      writeOne(value);
+    }
+    writer.raw("]");
+  };
+  writer.raw("{");
+  writer.name("lists");
+  writeAll(state.lists, [&writer](const FilterList& list) { write(writer, list); });
+  writer.member("customRules", std::string_view(state.customRules));
+  writer.name("pausedSites");
+  writeAll(state.pausedSites, [&writer](const std::string& site) { writer.string(site); });
   writer.raw("}");
 }
 
@@ -145,23 +178,16 @@ Date Date::now() {
 }
 
 std::string Persisted::encode() const {
-  Writer writer;
-  const auto writeAll = [&writer](const auto& values, const auto& writeOne) {
-    writer.raw("[");
-    for (const auto& value : values) {
-      if (&value != values.data()) writer.raw(",");
-      writeOne(value);
-    }
-    writer.raw("]");
-  };
-  writer.raw("{");
-  writer.name("lists");
-  writeAll(lists, [&writer](const FilterList& list) { write(writer, list); });
-  writer.member("customRules", std::string_view(customRules));
-  writer.name("pausedSites");
-  writeAll(pausedSites, [&writer](const std::string& site) { writer.string(site); });
-  writer.raw("}");
-  return writer.take();
+  std::string text;
+  text.reserve(encodedLength());  // growing it would take up to three times its memory
+  write(text, *this);
+  return text;
+}
+
+std::size_t Persisted::encodedLength() const {
+  Length counted;
+  write(counted, *this);
+  return counted.length;
 }
 
 std::optional<Persisted> Persisted::decode(std::string_view text) {

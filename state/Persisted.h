@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,9 @@ struct Persisted {
 
   /// One JSON object, compact, with "/" written as "\/". Bytes that are no UTF-8 become U+FFFD.
   std::string encode() const;
+
+  /// The length of what `encode` returns, in bytes.
+  std::size_t encodedLength() const;
 
   /// Reads what `encode` wrote, in any member order; unknown members are ignored. Nothing if the
   /// text is no JSON, or if a member is missing or of the wrong type.

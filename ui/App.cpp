@@ -1,6 +1,7 @@
 #include "ui/App.h"
 
 #include <adwaita.h>
+#include <glibmm/exceptionhandler.h>
 #include <gtkmm/applicationwindow.h>
 #include <gtkmm/cssprovider.h>
 #include <gtkmm/stylecontext.h>
@@ -8,6 +9,8 @@
 #include <utility>
 
 #include "browser/BrowserModel.h"
+#include "platform/files/Files.h"
+#include "platform/mainloop/Uncaught.h"
 #include "platform/webview/WebKitView.h"
 #include "ui/ContentView.h"
 #include "ui/Renderer.h"
@@ -47,6 +50,7 @@ TamselApp::~TamselApp() = default;
 
 void TamselApp::on_startup() {
   Gtk::Application::on_startup();
+  Glib::add_exception_handler([] { Uncaught::tell(std::current_exception()); });
   adw_init();
   Renderer::chooseForDisplay();
   gtk_window_set_default_icon_name(applicationId);
@@ -67,8 +71,11 @@ void TamselApp::openWindow() {
   savePanel_ = std::make_unique<GtkSavePanel>(
       [this] { return window_ == nullptr ? nullptr : window_->gobj(); });
   const std::string supportDir = AppState::userSupportDir();
-  WebKitNetworkSession* session = WebKitView::makeSession(
-      supportDir + "/Browser", std::string(g_get_user_cache_dir()) + "/Tamsel/Browser");
+  const std::string cacheDir = std::string(g_get_user_cache_dir()) + "/Tamsel";
+  (void)Files::makePrivateFolder(supportDir);
+  (void)Files::makePrivateFolder(cacheDir);
+  WebKitNetworkSession* session =
+      WebKitView::makeSession(supportDir + "/Browser", cacheDir + "/Browser");
   auto newBrowser = std::make_unique<BrowserModel>(
       std::make_unique<WebKitView>(WebKitView::Options{.session = session}));
   g_object_unref(session);

@@ -2,9 +2,11 @@
 
 #include <adwaita.h>
 
+#include "platform/mainloop/Signals.h"
 #include "ui/BrowserView.h"
 #include "ui/CustomRulesView.h"
 #include "ui/ListsView.h"
+#include "ui/NoticeBar.h"
 #include "ui/RulesView.h"
 #include "ui/Symbols.h"
 #include "ui/TesterView.h"
@@ -57,18 +59,24 @@ ContentView::ContentView(AppState& app, BrowserModel& browser)
         tester->ask(url, pageURL);
       });
   hideOtherTabs(tabs);
-  g_signal_connect(tabs, "notify::visible-child", G_CALLBACK(hideOtherTabs), nullptr);
+  connect(
+      tabs, "notify::visible-child",
+      [](AdwViewStack* stack, GParamSpec*, gpointer) { hideOtherTabs(stack); }, nullptr);
 
   auto* switcher = ADW_VIEW_SWITCHER_TITLE(adw_view_switcher_title_new());
   adw_view_switcher_title_set_title(switcher, title);
   adw_view_switcher_title_set_stack(switcher, tabs);
   auto* names = ADW_SQUEEZER(gtk_widget_get_first_child(GTK_WIDGET(switcher)));
   hideOtherWidths(names);
-  g_signal_connect(names, "notify::visible-child", G_CALLBACK(hideOtherWidths), nullptr);
+  connect(
+      names, "notify::visible-child",
+      [](AdwSqueezer* squeezer, GParamSpec*, gpointer) { hideOtherWidths(squeezer); }, nullptr);
   auto* header = ADW_HEADER_BAR(adw_header_bar_new());
   adw_header_bar_set_title_widget(header, GTK_WIDGET(switcher));
   adw_header_bar_set_centering_policy(header, ADW_CENTERING_POLICY_STRICT);
   append(*Glib::wrap(GTK_WIDGET(header)));
+
+  append(*Gtk::make_managed<NoticeBar>(app));
 
   Gtk::Widget* content = Glib::wrap(GTK_WIDGET(tabs));
   content->set_margin(padding);

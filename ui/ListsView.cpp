@@ -135,8 +135,12 @@ Gtk::Widget& ListsView::makeStatusRow() {
   auto* row = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 8);
   row->append(working_);
   status_ = makeLabel("", TextStyle::captionSecondary);
-  wrapAnywhere(*status_);
-  row->append(*status_);
+  compileError_ = makeLabel("", TextStyle::caption);
+  compileError_->add_css_class("error");
+  for (Gtk::Label* label : {status_, compileError_}) {
+    wrapAnywhere(*label);
+    row->append(*label);
+  }
   return *row;
 }
 
@@ -148,6 +152,8 @@ void ListsView::draw() {
   working_.set_visible(isWorking);
   working_.set_spinning(isWorking);
   setText(*status_, displayable(*app_.statusMessage));
+  compileError_->set_visible(app_.compileError->has_value());
+  setText(*compileError_, displayable(app_.compileError->value_or("")));
 }
 
 void ListsView::showAddSheet() {

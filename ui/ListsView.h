@@ -58,6 +58,7 @@ class ListsView : public Gtk::Box {
   Rows<ListRow> rows_;
   Gtk::Spinner working_;
   Gtk::Label* status_ = nullptr;
+  Gtk::Label* compileError_ = nullptr;
   // Whether it is still open when a download ends, nobody knows.
   std::shared_ptr<AddListSheet> sheet_;
   TaskScope downloads_;

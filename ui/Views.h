@@ -8,6 +8,7 @@
 #include "ui/ContentView.h"
 #include "ui/CustomRulesView.h"
 #include "ui/ListsView.h"
+#include "ui/NoticeBar.h"
 #include "ui/RulesView.h"
 #include "ui/SafariNote.h"
 #include "ui/TesterView.h"

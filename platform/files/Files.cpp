@@ -25,21 +25,22 @@ std::string inQuotes(std::string_view path) {
   return "\"" + std::string(path) + "\"";
 }
 
-std::string readAll(int descriptor, std::string_view name) {
+std::string readAll(int descriptor, std::string_view name, std::size_t maxLength) {
   constexpr std::size_t step = std::size_t{1} << 16;
   struct stat status {};
   std::string bytes;
   if (::fstat(descriptor, &status) == 0 && status.st_size > 0) {
     // One more than the size, so that the end of the file is seen without growing.
-    bytes.resize(std::min(static_cast<std::size_t>(status.st_size) + 1, maxReadBytes));
+    bytes.resize(std::min(static_cast<std::size_t>(status.st_size), maxLength) + 1);
   }
   std::size_t used = 0;
   while (true) {
+    if (used > maxLength) {
+      throw FileError("Cannot read " + std::string(name) + ": it is larger than " +
+                      std::to_string(maxLength >> 20) + " MiB.");
+    }
     if (used == bytes.size()) {
-      if (used >= maxReadBytes) {
-        throw FileError("Cannot read " + std::string(name) + ": it is larger than 1 GiB.");
-      }
-      bytes.resize(std::min(used + std::max(step, used / 2), maxReadBytes));
+      bytes.resize(std::min(used + std::max(step, used / 2), maxLength + 1));
     }
     const ssize_t count = ::read(descriptor, bytes.data() + used, bytes.size() - used);
     if (count < 0 && errno == EINTR) continue;
@@ -121,11 +122,21 @@ std::string writeBeside(const std::string& path, const std::function<void(const 
 }  // namespace
 
 std::string read(const std::string& path) {
-  if (path == standardInput) return readAll(STDIN_FILENO, "standard input");
+  if (path == standardInput) return readAll(STDIN_FILENO, "standard input", maxReadBytes);
   const std::string name = inQuotes(path);
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) fail("read", name, errno);
-  return readAll(file.get(), name);
+  return readAll(file.get(), name, maxReadBytes);
+}
+
+std::string readRegular(const std::string& path, std::size_t maxLength) {
+  const std::string name = inQuotes(path);
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file) fail("read", name, errno);
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) fail("read", name, errno);
+  if (!S_ISREG(status.st_mode)) throw FileError("Cannot read " + name + ": it is no file.");
+  return readAll(file.get(), name, maxLength);
 }
 
 void writeAll(int descriptor, std::string_view bytes, std::string_view name) {
@@ -141,6 +152,25 @@ void replace(const std::string& path, std::string_view bytes, Durability durabil
   replace(
       path, [bytes](const Sink& sink) { sink(bytes); }, durability);
 }
+
+namespace {
+
+void replaceNamed(const std::string& path, const std::string& target,
+                  const std::function<void(const Sink&)>& produce, Durability durability,
+                  const mode_t* mode) {
+  const std::string temporary = writeBeside(target, produce, durability, mode);
+  if (::rename(temporary.c_str(), target.c_str()) != 0) {
+    const int error = errno;
+    ::unlink(temporary.c_str());
+    fail("write", inQuotes(path), error);
+  }
+  if (durability == Durability::onDisk) {
+    const Descriptor folder(::open(folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder) (void)::fsync(folder.get());  // the new name; not every file system can
+  }
+}
+
+}  // namespace
 
 void replace(const std::string& path, const std::function<void(const Sink&)>& produce,
              Durability durability) {
@@ -159,16 +189,30 @@ void replace(const std::string& path, const std::function<void(const Sink&)>& pr
     return produce(sinkTo(file, name));
   }
   const mode_t mode = status.st_mode & 07777;
-  const std::string temporary = writeBeside(target, produce, durability, exists ? &mode : nullptr);
-  if (::rename(temporary.c_str(), target.c_str()) != 0) {
-    const int error = errno;
-    ::unlink(temporary.c_str());
-    fail("write", inQuotes(path), error);
+  replaceNamed(path, target, produce, durability, exists ? &mode : nullptr);
+}
+
+void replacePrivate(const std::string& path, std::string_view bytes, Durability durability) {
+  constexpr mode_t mode = S_IRUSR | S_IWUSR;
+  struct stat status {};
+  const bool leadsElsewhere = ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+  replaceNamed(
+      path, leadsElsewhere ? path : resolved(path), [bytes](const Sink& sink) { sink(bytes); },
+      durability, &mode);
+}
+
+std::string makePrivateFolder(const std::string& path) {
+  std::string prefix;
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    prefix = path.substr(0, end);
+    if (::mkdir(prefix.c_str(), S_IRWXU) != 0 && errno != EEXIST) return std::strerror(errno);
+    if (end == std::string::npos) break;
   }
-  if (durability == Durability::onDisk) {
-    const Descriptor folder(::open(folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder) (void)::fsync(folder.get());  // the new name; not every file system can
-  }
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::strerror(errno);
+  if (!S_ISDIR(status.st_mode)) return std::strerror(ENOTDIR);
+  if ((status.st_mode & 0777) != S_IRWXU) (void)::chmod(path.c_str(), S_IRWXU);
+  return {};
 }
 
 std::string besideProgram(const std::string& name, const std::string& installedFolder) {

@@ -15,7 +15,8 @@ class FileError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The most bytes that `read` takes in, so that a device without an end cannot fill the memory.
+/// The most bytes that `read` takes in when nothing else is said, so that a device without an end
+/// cannot fill the memory.
 inline constexpr std::size_t maxReadBytes = std::size_t{1} << 30;
 
 /// The name that stands for standard input.
@@ -35,12 +36,24 @@ enum class Durability {
 /// The whole file, or all of standard input for "-". Throws FileError.
 std::string read(const std::string& path);
 
+/// The same of a regular file; never waits for anything else, such as a pipe that nobody writes to.
+/// Throws FileError, also when it is longer than `maxLength` bytes.
+std::string readRegular(const std::string& path, std::size_t maxLength = maxReadBytes);
+
 /// Replaces the file, or creates it, in one step: whoever reads it sees the old bytes or the new
 /// ones, and a failure leaves the old file and nothing else. So does a process that is killed,
 /// unless that happens in the moment between naming the new file and renaming it. Links are
 /// followed; what is no regular file (a terminal, a pipe) is written to directly. Throws FileError.
 void replace(const std::string& path, std::string_view bytes,
              Durability durability = Durability::untilWritten);
+
+/// Replaces or creates a file that is the user's alone (0600), in one step. Links are followed;
+/// anything that is no file gives way, but a folder. Throws FileError.
+void replacePrivate(const std::string& path, std::string_view bytes, Durability durability);
+
+/// Makes a folder that is the user's alone (0700), and those above it that are missing; one that is
+/// there becomes so. Returns what went wrong, in the system's words; empty if nothing did.
+std::string makePrivateFolder(const std::string& path);
 
 /// The path of something that belongs to this program: beside it, as in the folder that it was
 /// built in, or else in the folder of an installation, which is given as seen from the program's

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 #include <utility>
+
+#include "platform/mainloop/Uncaught.h"
 
 namespace tamsel::MainLoop {
 namespace {
@@ -18,7 +21,7 @@ class Call {
   }
 
   void run() {
-    if (ready_.load(std::memory_order_acquire)) function_();
+    if (ready_.load(std::memory_order_acquire)) Uncaught::guard(function_);
   }
 
  private:
@@ -26,10 +29,19 @@ class Call {
   std::atomic<bool> ready_ = false;
 };
 
+// All threads are started with the first call: one that could not be started later would leave its
+// caller waiting. Throws std::runtime_error.
 GThreadPool* workers() {
-  static GThreadPool* const pool = g_thread_pool_new(
-      [](gpointer data, gpointer) { std::unique_ptr<Call>(static_cast<Call*>(data))->run(); },
-      nullptr, static_cast<int>(std::max(2U, std::thread::hardware_concurrency())), FALSE, nullptr);
+  static GThreadPool* const pool = [] {
+    const auto run = [](gpointer data, gpointer) {
+      std::unique_ptr<Call>(static_cast<Call*>(data))->run();
+    };
+    GThreadPool* started = g_thread_pool_new(
+        run, nullptr, static_cast<int>(std::max(2U, std::thread::hardware_concurrency())), TRUE,
+        nullptr);
+    if (started == nullptr) throw std::runtime_error("The system has no thread left.");
+    return started;
+  }();
   return pool;
 }
 

@@ -4,10 +4,11 @@
 #include <exception>
 #include <functional>
 #include <list>
-#include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
+
+#include "platform/mainloop/Uncaught.h"
 
 namespace tamsel {
 
@@ -39,7 +40,6 @@ class TaskPromiseBase {
   void unhandled_exception() { exception_ = std::current_exception(); }
 
   bool done_ = false;
-  bool cancelled_ = false;
   std::exception_ptr exception_;
   std::coroutine_handle<> waiting_;
   std::function<void()> onDone_;
@@ -75,8 +75,7 @@ class TaskPromise<void> : public TaskPromiseBase {
 /// at once; it runs up to the first wait. `co_await` on a task waits for its result or exception.
 ///
 /// A Task owns its flow: destroying it ends a flow that waits, and nothing of it happens any more.
-/// A flow must not destroy its own task, and whoever waits for a task owns it. `cancel` only sets a
-/// flag, which the flow looks at when it wants to.
+/// A flow must not destroy its own task, and whoever waits for a task owns it.
 template <typename T = void>
 class [[nodiscard]] Task {
  public:
@@ -93,9 +92,6 @@ class [[nodiscard]] Task {
   }
 
   bool isDone() const { return !handle_ || handle_.promise().done_; }
-  void cancel() {
-    if (handle_) handle_.promise().cancelled_ = true;
-  }
 
   bool await_ready() const noexcept { return handle_.promise().done_; }
   void await_suspend(std::coroutine_handle<> waiting) noexcept {
@@ -114,21 +110,6 @@ class [[nodiscard]] Task {
   std::coroutine_handle<promise_type> handle_;
 };
 
-/// `co_await IsCancelled()` in a Task tells whether somebody called its `cancel`. It does not wait.
-class IsCancelled {
- public:
-  bool await_ready() const noexcept { return false; }
-  template <typename Promise>
-  bool await_suspend(std::coroutine_handle<Promise> task) noexcept {
-    isCancelled_ = task.promise().cancelled_;
-    return false;
-  }
-  bool await_resume() const noexcept { return isCancelled_; }
-
- private:
-  bool isCancelled_ = false;
-};
-
 template <typename T>
 Task<T> detail::TaskPromise<T>::get_return_object() {
   return Task<T>(std::coroutine_handle<TaskPromise>::from_promise(*this));
@@ -137,47 +118,38 @@ inline Task<void> detail::TaskPromise<void>::get_return_object() {
   return Task<void>(std::coroutine_handle<TaskPromise>::from_promise(*this));
 }
 
-/// Keeps tasks that nobody waits for until they are done. Destroying it destroys those that are
-/// not.
+/// Keeps tasks that nobody waits for until they are done; what they throw is Uncaught. Destroying
+/// it destroys those that are not done.
 class TaskScope {
  public:
-  /// Refers to a task in a scope; may outlive it.
-  class Handle {
-   public:
-    Handle() = default;
-    /// Does nothing when the task is done.
-    void cancel() const {
-      if (const auto task = task_.lock()) task->cancel();
-    }
-
-   private:
-    friend TaskScope;
-    explicit Handle(std::weak_ptr<Task<void>> task) : task_(std::move(task)) {}
-    std::weak_ptr<Task<void>> task_;
-  };
-
   TaskScope() = default;
   ~TaskScope() {
     // The end of one may be the end of another.
     while (!tasks_.empty()) {
-      const std::shared_ptr<Task<void>> first = std::move(tasks_.front());
+      const Task<void> first = std::move(tasks_.front());
       tasks_.pop_front();
     }
   }
   TaskScope(const TaskScope&) = delete;
   TaskScope& operator=(const TaskScope&) = delete;
 
-  Handle add(Task<void> task) {
-    if (task.isDone()) return {};
-    const auto place = tasks_.insert(tasks_.end(), std::make_shared<Task<void>>(std::move(task)));
-    (*place)->onDone([this, place] { tasks_.erase(place); });
-    return Handle(*place);
+  void add(Task<void> task) {
+    if (task.isDone()) return tellOutcome(task);
+    const auto place = tasks_.insert(tasks_.end(), std::move(task));
+    place->onDone([this, place] {
+      tellOutcome(*place);
+      tasks_.erase(place);
+    });
   }
 
   bool isEmpty() const { return tasks_.empty(); }
 
  private:
-  std::list<std::shared_ptr<Task<void>>> tasks_;
+  static void tellOutcome(Task<void>& task) {
+    Uncaught::guard([&task] { task.await_resume(); });
+  }
+
+  std::list<Task<void>> tasks_;
 };
 
 }  // namespace tamsel

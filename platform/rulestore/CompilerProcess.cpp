@@ -84,13 +84,13 @@ pid_t spawn(const std::string& helper, const std::string& folder, const std::str
   ::posix_spawnattr_setflags(
       &attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
-  std::string temporary = "TMPDIR=" + workFolder;
-  std::vector<char*> environment;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (!std::string_view(*entry).starts_with("TMPDIR=")) environment.push_back(*entry);
-  }
-  environment.push_back(temporary.data());
-  environment.push_back(nullptr);
+  // Nothing of its user's: neither their settings, nor what would have WebKit or the loader of
+  // programs do something else.
+  std::array<std::string, 4> variables = {"TMPDIR=" + workFolder, "HOME=" + workFolder,
+                                          "PATH=/usr/bin:/bin", "LC_ALL=C.UTF-8"};
+  std::vector<char*> environment(variables.size() + 1);
+  std::transform(variables.begin(), variables.end(), environment.begin(),
+                 [](std::string& variable) { return variable.data(); });
   std::string program = helper;
   std::string argument = folder;
   std::array<char*, 3> arguments = {program.data(), argument.data(), nullptr};
@@ -209,9 +209,10 @@ CompilerProcess::Reply CompilerProcess::exchange(std::span<const std::string_vie
       }
     }
     if (!alive) {
-      const int signal = end(graceOfDying);
+      const auto [signal, exitCode] = end(graceOfDying);
       (void)readAvailable(errors_, log, maxLogLength);
-      throw Died(signal != 0 ? ::strsignal(signal) : "it ended by itself", signal, std::move(log));
+      throw Died(signal != 0 ? ::strsignal(signal) : "it ended by itself", signal, std::move(log),
+                 exitCode == outOfMemory);
     }
 
     std::array<pollfd, 3> polled = {
@@ -231,7 +232,7 @@ CompilerProcess::Reply CompilerProcess::exchange(std::span<const std::string_vie
   }
 }
 
-int CompilerProcess::end(std::chrono::milliseconds grace) {
+CompilerProcess::End CompilerProcess::end(std::chrono::milliseconds grace) {
   if (grace.count() > 0) {
     const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));
     std::array<pollfd, 1> polled = {pollfd{process.get(), POLLIN, 0}};
@@ -244,7 +245,8 @@ int CompilerProcess::end(std::chrono::milliseconds grace) {
     reaped = ::waitpid(process_, &status, 0);
   } while (reaped < 0 && errno == EINTR);
   process_ = -1;
-  return reaped > 0 && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  if (reaped <= 0) return {0, 0};
+  return {WIFSIGNALED(status) ? WTERMSIG(status) : 0, WIFEXITED(status) ? WEXITSTATUS(status) : 0};
 }
 
 }  // namespace tamsel

@@ -24,10 +24,15 @@ class CompilerProcess {
 
   /// The process cannot be started, or ended before it had answered; `what` is how, in words.
   struct Died : std::runtime_error {
-    Died(const std::string& how, int endSignal, std::string lastWords)
-        : std::runtime_error(how), signal(endSignal), log(std::move(lastWords)) {}
+    Died(const std::string& how, int endSignal, std::string lastWords, bool neededMemory = false)
+        : std::runtime_error(how),
+          signal(endSignal),
+          neededTooMuchMemory(neededMemory),
+          log(std::move(lastWords)) {}
     /// The signal that ended it, or 0.
     int signal;
+    /// It ended itself because it needed more memory than it may have.
+    bool neededTooMuchMemory;
     /// What it wrote to standard error, as in Answer.
     std::string log;
   };
@@ -70,9 +75,13 @@ class CompilerProcess {
   struct Reply;
   Reply exchange(std::span<const std::string_view> request, Clock::time_point deadline,
                  const std::stop_token& stop);
-  // Kills the process if it has not ended by itself within `grace`. Returns the signal that ended
-  // it, or 0.
-  int end(std::chrono::milliseconds grace);
+  struct End {
+    // That ended it, or 0.
+    int signal;
+    int exitCode;
+  };
+  // Kills the process if it has not ended by itself within `grace`.
+  End end(std::chrono::milliseconds grace);
 
   pid_t process_ = -1;
   Descriptor stream_;

@@ -1,5 +1,6 @@
 #include "platform/rulestore/RuleListCompiler.h"
 
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,14 +71,20 @@ RuleListCompiler::Failure timedOut() {
 
 }  // namespace
 
+// The document could be compiled with more room on the disk.
+struct RuleListCompiler::NoRoom : Failure {
+  using Failure::Failure;
+};
+
 // The helper process of one thread; a new one is started when the last one has gone.
 class RuleListCompiler::Helper {
  public:
-  Helper(const Options& options, const StoreFolder::WorkFolder& work, std::stop_token stop,
-         Clock::time_point deadline, std::size_t number)
+  // `workFolder` is for WebKit's own files.
+  Helper(const Options& options, const StoreFolder::WorkFolder& work, std::string workFolder,
+         std::stop_token stop, Clock::time_point deadline)
       : options_(options),
         folder_(work.path()),
-        workFolder_(work.makeFolder("webkit-" + std::to_string(number))),
+        workFolder_(std::move(workFolder)),
         stop_(std::move(stop)),
         deadline_(deadline) {}
 
@@ -134,6 +141,7 @@ class RuleListCompiler::Helper {
       return {std::string(complaint->reason), std::string(complaint->expression)};
     } catch (const CompilerProcess::Died& died) {
       process_.reset();
+      checkMemory(died);
       if (!isCrash(died.signal)) {
         throw Failure(
             "WebKit's compiler ended before it was done: " + std::string(died.what()) + ".",
@@ -148,19 +156,36 @@ class RuleListCompiler::Helper {
   }
 
  private:
+  static void checkMemory(const CompilerProcess::Died& died) {
+    if (died.neededTooMuchMemory) {
+      throw Failure("WebKit's compiler needs more memory for the list than it may have.", {});
+    }
+    if (died.signal == SIGKILL) {
+      throw Failure(
+          "WebKit's compiler was killed, perhaps because the system has too little memory.", {});
+    }
+  }
+
   [[noreturn]] static void failToStart(const CompilerProcess::Died& died) {
+    checkMemory(died);
     throw Failure("WebKit's compiler, the program tamsel-rule-compiler, cannot be started: " +
                       std::string(died.what()) + ".",
                   lastWords(died.log));
   }
 
   [[noreturn]] void failToWrite(std::string_view reason) const {
+    constexpr unsigned long fewFiles = 16;
     constexpr std::uintmax_t fewBytes = std::uintmax_t{32} << 20;
-    std::error_code error;
-    const fs::space_info space = fs::space(folder_, error);
-    if (error) throw Failure("The folder for the compiled list has gone.", {});
-    if (space.available < fewBytes) {
-      throw Failure("There is not enough space on the disk for the compiled list.", {});
+    struct statvfs disk {};
+    if (::access(folder_.c_str(), F_OK) != 0 || ::statvfs(folder_.c_str(), &disk) != 0) {
+      throw Failure("The folder for the compiled list has gone.", {});
+    }
+    // Some file systems do not count files.
+    if (disk.f_files != 0 && disk.f_favail < fewFiles) {
+      throw NoRoom("There is no room on the disk for another file of the compiled list.", {});
+    }
+    if (std::uintmax_t{disk.f_bavail} * disk.f_frsize < fewBytes) {
+      throw NoRoom("There is not enough space on the disk for the compiled list.", {});
     }
     throw Failure("WebKit cannot write the compiled list: " + std::string(reason), {});
   }
@@ -247,7 +272,7 @@ class RuleListCompiler::Compilation {
         deadline_(Clock::now() + options.timeLimit),
         folder_(std::move(folder)),
         work_(std::move(work)),
-        helper_(makeHelper(0)) {}
+        helper_(makeHelper(makeHelperFolder(0))) {}
 
   Outcome run() {
     const std::array<std::string_view, 1> whole = {job_.document};
@@ -278,8 +303,11 @@ class RuleListCompiler::Compilation {
     Helper::Trial trial;
   };
 
-  Helper makeHelper(std::size_t number) const {
-    return {options_, work_, job_.stop, deadline_, number};
+  std::string makeHelperFolder(std::size_t number) const {
+    return work_.makeFolder("webkit-" + std::to_string(number));
+  }
+  Helper makeHelper(const std::string& folder) const {
+    return {options_, work_, folder, job_.stop, deadline_};
   }
 
   std::optional<std::size_t> findKept() const {
@@ -321,10 +349,14 @@ class RuleListCompiler::Compilation {
       const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
       std::vector<std::jthread> others;
       for (std::size_t number = 1; number < std::min(processors, parts.size()); ++number) {
-        others.emplace_back([this, &work, number] {
-          Helper helper = makeHelper(number);
-          work(helper);
-        });
+        try {
+          others.emplace_back([this, &work, folder = makeHelperFolder(number)] {
+            Helper helper = makeHelper(folder);
+            work(helper);
+          });
+        } catch (const std::exception&) {
+          break;  // no room for its folder, or no thread: those that are there do its share
+        }
       }
       if (job_.progress) job_.progress(0, parts.size());
       work(helper_);
@@ -393,15 +425,36 @@ std::vector<std::string> RuleListCompiler::Compiled::filterNames() const {
 }
 
 RuleListCompiler::Outcome RuleListCompiler::compile(const Job& job) const try {
-  std::optional<Compilation> compilation;
-  try {
-    StoreFolder folder(job.folder, job.identifier);
-    compilation.emplace(options_, job, folder, folder.makeWorkFolder());
-  } catch (const StoreFolder::Unusable&) {
-    StoreFolder folder(options_.defaultFolder, job.identifier);
-    compilation.emplace(options_, job, folder, folder.makeWorkFolder());
+  std::exception_ptr reason;
+  const auto compileIn = [&](const StoreFolder& folder, const StoreFolder& workplace) {
+    return Compilation(options_, job, folder, workplace.makeWorkFolder()).run();
+  };
+  const auto giveUp = [&reason, &job] {
+    if (job.stop.stop_requested()) throw CompilerProcess::Stopped("stopped");
+    if (!reason) reason = std::current_exception();
+  };
+  // The first that is there. On a full disk, what is kept in it can be used all the same.
+  std::optional<StoreFolder> found;
+  for (const std::string& place : {job.folder, options_.defaultFolder}) {
+    try {
+      const StoreFolder folder(place, job.identifier, job.stop);
+      if (!found) found = folder;
+      return compileIn(folder, folder);
+    } catch (const StoreFolder::Unusable&) {
+      giveUp();
+    } catch (const NoRoom&) {
+      giveUp();
+    }
   }
-  return compilation->run();
+  try {
+    const StoreFolder memory(options_.memoryFolder, job.identifier, job.stop);
+    return compileIn(found.value_or(memory), memory);
+  } catch (const StoreFolder::Unusable&) {
+    giveUp();
+  } catch (const NoRoom&) {
+    giveUp();
+  }
+  std::rethrow_exception(reason);
 } catch (const StoreFolder::Unusable& unusable) {
   throw Failure(
       "The folder for the compiled list cannot be used: " + withoutDigits(unusable.what()) + ".",
@@ -414,6 +467,12 @@ RuleListCompiler::Outcome RuleListCompiler::compile(const Job& job) const try {
 
 std::string RuleListCompiler::installedHelper() {
   return Files::besideProgram("tamsel-rule-compiler", TAMSEL_HELPER_FOLDER);
+}
+
+std::string RuleListCompiler::userMemoryFolder() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime == nullptr || *runtime != '/') return {};
+  return fs::path(runtime) / "tamsel" / "RuleStore";
 }
 
 std::string RuleListCompiler::userFolder() {

@@ -27,6 +27,8 @@ class RuleListCompiler {
     std::string helper = installedHelper();
     /// Serves when the folder that is asked for cannot be used.
     std::string defaultFolder = userFolder();
+    /// In memory; serves when there is no room on the disk. May be empty: there is none.
+    std::string memoryFolder = userMemoryFolder();
     /// For one document, from its first helper process to the end of its last.
     std::chrono::milliseconds timeLimit = std::chrono::minutes(3);
     /// The version of WebKit that is to use the result; without it, the helper's is taken.
@@ -104,7 +106,12 @@ class RuleListCompiler {
   /// The folder "tamsel/RuleStore" among the user's caches; empty for somebody without a home.
   static std::string userFolder();
 
+  /// The same among what lasts as long as the user is logged in; empty where there is no such
+  /// place.
+  static std::string userMemoryFolder();
+
  private:
+  struct NoRoom;
   class Helper;
   class Search;
   class Compilation;

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -26,12 +28,13 @@ class RuleListStore {
  public:
   /// Why there is no list.
   struct Error {
-    /// A sentence for a person. When a certain rule is at fault it begins with "Rule ", the index
-    /// of the rule in the document counted from 0, and " was refused: ". Otherwise there is no
-    /// number in it, and none in `detail`.
+    /// A sentence for a person.
     std::string message;
     /// What else is known, or nothing.
-    std::string detail;
+    std::string detail = {};
+    /// The rule that is at fault, by its index in the document counted from 0. When there is none
+    /// there is no number in the texts either that could be taken for one.
+    std::optional<std::size_t> ruleIndex = {};
 
     bool operator==(const Error&) const = default;
   };

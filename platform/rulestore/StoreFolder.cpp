@@ -10,10 +10,12 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "platform/files/Files.h"
@@ -83,12 +85,23 @@ std::optional<std::string> digestOfFile(const std::string& path) {
   }
 }
 
-// Held for the few steps in which the folder is changed, by whichever thread or program.
+// Held for the few steps in which the folder is changed, by whichever thread or program. Where the
+// file system knows no locks there is none.
 class Lock {
  public:
-  explicit Lock(const std::string& folder)
+  Lock(const std::string& folder, const std::stop_token& stop)
       : folder_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    while (folder_ && ::flock(folder_.get(), LOCK_EX) != 0 && errno == EINTR) {
+    constexpr auto step = std::chrono::milliseconds(5);
+    const auto deadline = std::chrono::steady_clock::now() + StoreFolder::patience;
+    std::mutex mutex;
+    std::condition_variable_any never;
+    std::unique_lock waiting(mutex);
+    while (folder_ && ::flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 &&
+           (errno == EINTR || errno == EWOULDBLOCK)) {
+      if (stop.stop_requested() || std::chrono::steady_clock::now() > deadline) {
+        throw StoreFolder::Unusable("Another program is at work in it");
+      }
+      never.wait_for(waiting, stop, step, [] { return false; });
     }
   }
 
@@ -126,9 +139,10 @@ std::string digestOf(std::span<const std::string_view> pieces) {
   return digest.text();
 }
 
-StoreFolder::WorkFolder::WorkFolder(const std::string& parent, std::string identifier)
+StoreFolder::WorkFolder::WorkFolder(const std::string& parent, std::string identifier,
+                                    const std::stop_token& stop)
     : identifier_(std::move(identifier)) {
-  const Lock lock(parent);  // an empty folder that is not locked yet looks abandoned
+  const Lock lock(parent, stop);  // an empty folder that is not locked yet looks abandoned
   std::string path = parent + "/" + std::string(workPrefix) + "XXXXXX";
   if (::mkdtemp(path.data()) == nullptr) throw Unusable(std::strerror(errno));
   path_ = std::move(path);
@@ -164,8 +178,9 @@ struct StoreFolder::Record {
   std::vector<Filter> filters;
 };
 
-StoreFolder::StoreFolder(const std::string& parent, const std::string& identifier)
-    : identifier_(identifier) {
+StoreFolder::StoreFolder(const std::string& parent, const std::string& identifier,
+                         std::stop_token stop)
+    : identifier_(identifier), stop_(std::move(stop)) {
   const auto isPlain = [](unsigned char c) { return c < 0x80 && std::isalnum(c) != 0; };
   if (identifier.empty() || !std::all_of(identifier.begin(), identifier.end(), isPlain)) {
     throw std::invalid_argument("An identifier is made of letters and digits.");
@@ -173,9 +188,11 @@ StoreFolder::StoreFolder(const std::string& parent, const std::string& identifie
   if (parent.empty()) throw Unusable("There is none");
   std::error_code error;
   path_ = fs::absolute(parent, error) / identifier;
-  if (!error) fs::create_directories(path_, error);
   if (error) throw Unusable(error.message());
-  const Lock lock(path_);
+  if (const std::string reason = Files::makePrivateFolder(path_); !reason.empty()) {
+    throw Unusable(reason);
+  }
+  const Lock lock(path_, stop_);
   removeLeftovers(nullptr);
 }
 
@@ -189,14 +206,9 @@ bool StoreFolder::isUsable(const std::string& parent, const std::string& identif
 }
 
 std::optional<StoreFolder::Record> StoreFolder::readRecord() const {
-  std::string text(maxRecordLength, '\0');
-  const std::string path = path_ + "/" + std::string(recordName);
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  const ssize_t length = file ? ::read(file.get(), text.data(), text.size()) : -1;
-  if (length < 0) return std::nullopt;
-  text.resize(static_cast<std::size_t>(length));
   try {
-    const json parsed = json::parse(text);
+    const json parsed =
+        json::parse(Files::readRegular(path_ + "/" + std::string(recordName), maxRecordLength));
     Record record{{parsed.at("document"), parsed.at("webKitVersion")}, {}};
     for (const json& filter : parsed.at("filters")) {
       record.filters.push_back({filter.at("document"), filter.at("file")});
@@ -205,13 +217,18 @@ std::optional<StoreFolder::Record> StoreFolder::readRecord() const {
     return record;
   } catch (const json::exception&) {
     return std::nullopt;
+  } catch (const Files::FileError&) {
+    return std::nullopt;
   }
 }
 
 bool StoreFolder::link(const std::string& file, const WorkFolder& work, std::size_t number) const {
   const std::string kept = path_ + "/" + file;
   const std::string link = work.filterFile(number);
-  if (::link(kept.c_str(), link.c_str()) != 0) return false;
+  std::error_code error;
+  const bool isThere = ::link(kept.c_str(), link.c_str()) == 0 ||
+                       (errno == EXDEV && fs::copy_file(kept, link, error));
+  if (!isThere) return false;
   const std::optional<std::string> digest = digestOfFile(link);
   if (digest && *digest + std::string(filterSuffix) == file) return true;
   ::unlink(link.c_str());
@@ -239,7 +256,7 @@ bool StoreFolder::findPart(const Source& source, const WorkFolder& work, std::si
 }
 
 bool StoreFolder::keep(const Source& source, const WorkFolder& work,
-                       const std::vector<Part>& parts) const {
+                       const std::vector<Part>& parts) const try {
   json filters = json::array();
   std::vector<std::string> files;
   for (const Part& part : parts) {
@@ -251,7 +268,7 @@ bool StoreFolder::keep(const Source& source, const WorkFolder& work,
   const json record = {
       {"document", source.document}, {"webKitVersion", source.webKitVersion}, {"filters", filters}};
 
-  const Lock lock(path_);
+  const Lock lock(path_, stop_);
   for (std::size_t i = 0; i < parts.size(); ++i) {
     const std::string kept = path_ + "/" + files[i];
     removeFolder(kept);
@@ -260,12 +277,14 @@ bool StoreFolder::keep(const Source& source, const WorkFolder& work,
   const std::string recordFile = path_ + "/" + std::string(recordName);
   removeFolder(recordFile);
   try {
-    Files::replace(recordFile, record.dump());
+    Files::replacePrivate(recordFile, record.dump(), Files::Durability::untilWritten);
   } catch (const Files::FileError&) {
     return false;
   }
   removeLeftovers(&files);
   return true;
+} catch (const Unusable&) {
+  return false;  // another program keeps it locked
 }
 
 void StoreFolder::removeLeftovers(const std::vector<std::string>* kept) const {

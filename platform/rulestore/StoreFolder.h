@@ -1,9 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <span>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,10 +23,13 @@ namespace tamsel {
 ///
 /// Several threads and programs can use a folder at once: each works in a folder of its own and
 /// only adds whole files. None of these operations waits for longer than some files take to be
-/// read.
+/// read, or than `patience` for another program. All that is in a folder is the user's alone.
 class StoreFolder {
  public:
-  /// The folder cannot be made or written to; `what` is the system's reason.
+  /// The longest wait for another program that is changing the folder.
+  static constexpr std::chrono::milliseconds patience = std::chrono::seconds(10);
+
+  /// The folder cannot be made or written to; `what` is the reason.
   struct Unusable : std::runtime_error {
     using std::runtime_error::runtime_error;
   };
@@ -47,7 +52,7 @@ class StoreFolder {
 
    private:
     friend class StoreFolder;
-    WorkFolder(const std::string& parent, std::string identifier);
+    WorkFolder(const std::string& parent, std::string identifier, const std::stop_token& stop);
 
     std::string path_;
     std::string identifier_;
@@ -64,18 +69,20 @@ class StoreFolder {
   };
 
   /// The folder named `identifier` in `parent`; an identifier is made of letters and digits. Makes
-  /// it if it is missing, and removes what others left behind. Throws Unusable.
-  StoreFolder(const std::string& parent, const std::string& identifier);
+  /// it if it is missing, and removes what others left behind. Throws Unusable, also when a stop is
+  /// requested while it waits; so do the other operations.
+  StoreFolder(const std::string& parent, const std::string& identifier, std::stop_token stop = {});
 
   /// Whether one can be made, or is there, and can be written to.
   static bool isUsable(const std::string& parent, const std::string& identifier);
 
   /// Throws Unusable.
-  WorkFolder makeWorkFolder() const { return {path_, identifier_}; }
+  WorkFolder makeWorkFolder() const { return {path_, identifier_, stop_}; }
 
   /// Puts the filters compiled from the source into the work folder and returns how many there are,
   /// or nothing if they are not here or if anything about them is in doubt: each must be, to the
-  /// byte, what was kept. What happens to this folder later does not touch the work folder.
+  /// byte, what was kept. What happens to this folder later does not touch the work folder, which
+  /// may be one of another StoreFolder.
   std::optional<std::size_t> find(const Source& source, const WorkFolder& work) const;
 
   /// The same for one filter, which was compiled from `source` as a part of whatever is kept here.
@@ -102,6 +109,7 @@ class StoreFolder {
 
   std::string path_;
   std::string identifier_;
+  std::stop_token stop_;
 };
 
 /// The text that the pieces make up, as 32 hexadecimal digits that tell it from others (XXH3, 128

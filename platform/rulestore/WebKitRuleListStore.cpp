@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/mainloop/MainLoop.h"
+#include "platform/mainloop/Uncaught.h"
 
 namespace tamsel {
 namespace {
@@ -67,7 +68,7 @@ class Loading : public std::enable_shared_from_this<Loading> {
     const std::lock_guard lock(loading.mutex_);
     loading.filters_[answer->index].reset(filter);
     if (error != nullptr) {
-      loading.error_ = error->message;
+      Uncaught::guard([&] { loading.error_ = error->message; });
       g_error_free(error);
     }
     --loading.missing_;
@@ -102,7 +103,7 @@ class WebKitRuleListStore::Job : public std::enable_shared_from_this<Job> {
     try {
       thread_ = std::thread([this] { run(); });
     } catch (const std::system_error&) {
-      result_ = Error{"The system has no thread left for compiling the list.", {}};
+      result_ = Error{"The system has no thread left for compiling the list."};
       MainLoop::call(context_, [job = shared_from_this()] { job->complete(); });
     }
   }
@@ -132,11 +133,11 @@ class WebKitRuleListStore::Job : public std::enable_shared_from_this<Job> {
     } catch (const RuleListCompiler::Failure& failure) {
       return Error{failure.what(), failure.detail};
     } catch (const RuleListCompiler::Stopped& stopped) {
-      return Error{stopped.what(), {}};
+      return Error{stopped.what()};
     } catch (const std::bad_alloc&) {
-      return Error{"There is not enough memory for compiling the list.", {}};
+      return Error{"There is not enough memory for compiling the list."};
     } catch (const std::exception&) {
-      return Error{"The list could not be compiled.", {}};
+      return Error{"The list could not be compiled."};
     }
   }
 
@@ -148,7 +149,9 @@ class WebKitRuleListStore::Job : public std::enable_shared_from_this<Job> {
                                                                  .reuse = reuse});
     if (!outcome.refused.empty()) {
       const RefusedRule& refused = outcome.refused.front();
-      return Error{"Rule " + std::to_string(refused.index) + " was refused: " + refused.reason, {}};
+      return Error{
+          .message = "Rule " + std::to_string(refused.index) + " was refused: " + refused.reason,
+          .ruleIndex = refused.index};
     }
     const RuleListCompiler::Compiled& compiled = *outcome.compiled;
     unchanged = compiled.unchanged;
@@ -164,7 +167,7 @@ class WebKitRuleListStore::Job : public std::enable_shared_from_this<Job> {
       throw RuleListCompiler::Stopped("The compilation was stopped.");
     }
     if (!loading->error().empty()) {
-      return Error{"WebKit cannot load the list that it compiled: " + loading->error(), {}};
+      return Error{"WebKit cannot load the list that it compiled: " + loading->error()};
     }
     compiled.keep();
     return std::make_shared<const WebKitRuleList>(loading->takeFilters());

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "platform/mainloop/Awaiting.h"
+#include "platform/mainloop/Uncaught.h"
 
 namespace tamsel {
 namespace {
@@ -22,7 +23,7 @@ void onResponse(GtkNativeDialog* dialog, int response, Answer* answer) {
     g_object_unref(file);
   }
   g_object_unref(dialog);
-  (*answer)(std::move(path));
+  Uncaught::guard([&] { (*answer)(std::move(path)); });
 }
 
 }  // namespace

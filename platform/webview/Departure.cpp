@@ -29,7 +29,7 @@ Departure::Departure(WebKitWebView* page, std::chrono::milliseconds patience, On
     const bool isDestroyed = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
     // Any other error, for instance that the page is gone, is as good as an answer.
     g_clear_error(&error);
-    if (!isDestroyed) static_cast<Departure*>(self)->onAnswer();
+    if (!isDestroyed) Uncaught::guard([self] { static_cast<Departure*>(self)->onAnswer(); });
   };
   webkit_web_view_call_async_javascript_function(page, "return 0", -1, nullptr, WebProcess::world,
                                                  nullptr, question_.get(), onResult, this);

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/mainloop/Timeout.h"
 #include "platform/webview/GObjects.h"
-#include "platform/webview/Timeout.h"
 
 namespace tamsel {
 

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/mainloop/Signals.h"
+
 namespace tamsel {
 Downloads::Downloads(WebKitNetworkSession* session, WebKitWebView* view,
                      std::function<void(const std::string&)> onRefused)
@@ -9,7 +11,7 @@ Downloads::Downloads(WebKitNetworkSession* session, WebKitWebView* view,
   const auto onSignal = [](WebKitNetworkSession*, WebKitDownload* download, Downloads* self) {
     if (webkit_download_get_web_view(download) == self->view_) self->onStarted(download);
   };
-  g_signal_connect(session_, "download-started", G_CALLBACK(+onSignal), this);
+  connect(session_, "download-started", onSignal, this);
 }
 
 Downloads::~Downloads() {
@@ -28,12 +30,12 @@ void Downloads::onStarted(WebKitDownload* download) {
     webkit_download_cancel(started);
     return TRUE;
   };
-  g_signal_connect(download, "decide-destination", G_CALLBACK(+onName), this);
+  connect(download, "decide-destination", onName, this);
   const auto onFinished = [](WebKitDownload* ended, Downloads* self) {
     g_signal_handlers_disconnect_by_data(ended, self);
     std::erase_if(self->started_, [ended](const auto& each) { return each.get() == ended; });
   };
-  g_signal_connect(download, "finished", G_CALLBACK(+onFinished), this);
+  connect(download, "finished", onFinished, this);
 }
 
 std::string Downloads::fileName(WebKitURIResponse* response) {

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/mainloop/Signals.h"
+
 namespace tamsel {
 namespace {
 
@@ -117,7 +119,7 @@ void PageDialogs::show() {
     gtk_editable_set_text(GTK_EDITABLE(field_), displayable(*question.field).c_str());
     nameIt(field_, question.asksPassword ? "User name" : displayable(question.text).c_str());
     if (question.asksPassword) gtk_entry_set_placeholder_text(GTK_ENTRY(field_), "User name");
-    g_signal_connect(field_, "activate", G_CALLBACK(+onActivate), this);
+    connect(field_, "activate", onActivate, this);
     gtk_box_append(GTK_BOX(column), field_);
   }
   if (question.asksPassword) {
@@ -125,7 +127,7 @@ void PageDialogs::show() {
     gtk_password_entry_set_show_peek_icon(GTK_PASSWORD_ENTRY(password_), TRUE);
     g_object_set(password_, "placeholder-text", "Password", nullptr);
     nameIt(password_, "Password");
-    g_signal_connect(password_, "activate", G_CALLBACK(+onActivate), this);
+    connect(password_, "activate", onActivate, this);
     gtk_box_append(GTK_BOX(column), password_);
   }
   if (questions_ >= questionsUntilChoice) {
@@ -157,7 +159,7 @@ void PageDialogs::listenForEscape(GtkWidget* window) {
     self.answer(false);
     return TRUE;
   };
-  g_signal_connect(keys_, "key-pressed", G_CALLBACK(+onKey), this);
+  connect(keys_, "key-pressed", onKey, this);
   gtk_widget_add_controller(window, keys_);
   g_object_add_weak_pointer(G_OBJECT(keys_), reinterpret_cast<gpointer*>(&keys_));
 }
@@ -173,8 +175,11 @@ GtkWidget* PageDialogs::makeButtons(const Question& question) {
     const auto onDecline = [](GtkButton*, gpointer self) {
       static_cast<PageDialogs*>(self)->answer(false);
     };
-    g_signal_connect(button, "clicked",
-                     isAccepting ? G_CALLBACK(+onAccept) : G_CALLBACK(+onDecline), this);
+    if (isAccepting) {
+      connect(button, "clicked", onAccept, this);
+    } else {
+      connect(button, "clicked", onDecline, this);
+    }
     if (isAccepting) gtk_widget_add_css_class(button, "suggested-action");
     gtk_box_append(GTK_BOX(row), button);
   };

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/files/Files.h"
+#include "platform/mainloop/Signals.h"
 #include "platform/rulestore/WebKitRuleListStore.h"
 #include "platform/webview/PageQuestions.h"
 #include "platform/webview/extension/Protocol.h"
@@ -121,7 +122,7 @@ WebKitView::~WebKitView() {
 
 template <typename Handler>
 void WebKitView::on(gpointer object, const char* signal, Handler handler) {
-  g_signal_connect(object, signal, G_CALLBACK(+handler), this);
+  connect(object, signal, handler, this);
 }
 
 void WebKitView::loadModule(const std::string& folder) {
@@ -258,7 +259,7 @@ void WebKitView::followPage(WebKitWebResource* page) {
                          WebKitURIResponse* redirection, WebKitView* self) {
     if (redirection != nullptr) self->onPageRequest(request);
   };
-  g_signal_connect(page, "sent-request", G_CALLBACK(+onSent), this);
+  on(page, "sent-request", onSent);
 }
 
 void WebKitView::addScript(const std::string& source, World world) {

@@ -273,38 +273,41 @@ TEST(TaskScope, KeepsTasksUntilTheyAreDone) {
     if (fails) throw std::runtime_error("unheard");
     co_return;
   };
-  scope.add(atOnce(false)).cancel();
-  scope.add(atOnce(true)).cancel();
+  scope.add(atOnce(false));
   EXPECT_TRUE(scope.isEmpty());
 
   Question question, added;
-  const TaskScope::Handle handle = scope.add(once(question, [&] { scope.add(once(added)); }));
+  scope.add(once(question, [&] { scope.add(once(added)); }));
   question.answer(1);
-  handle.cancel();  // what is done
   EXPECT_TRUE(added.isOpen());
   EXPECT_FALSE(scope.isEmpty());
   added.answer(1);
   EXPECT_TRUE(scope.isEmpty());
+
+  // What nobody catches is told, wherever it is thrown.
+  std::vector<std::string> told;
+  Uncaught::setListener([&told](const std::string& sentence) { told.push_back(sentence); });
+  scope.add(atOnce(true));
+  scope.add(once(question, [] { throw std::bad_alloc(); }));
+  question.answer(1);
+  MainLoop::callOnWorker([] { throw std::runtime_error("on a worker"); });
+  MainLoop::call(nullptr, [] { throw std::runtime_error("on the main loop"); });
+  runUntil([&told] { return told.size() == 4; });
+  Uncaught::setListener(nullptr);
+  EXPECT_THAT(told, testing::UnorderedElementsAre("unheard", "There is not enough memory.",
+                                                  "on a worker", "on the main loop"));
 }
 
 TEST(TaskScope, DestroysTasksThatWait) {
   auto scope = std::make_unique<TaskScope>();
   Question questions[3];
-  std::vector<bool> cancelled;
-  const auto flow = [&cancelled](Question& question) -> Task<> {
-    auto answer = answerTo(question);
-    (void)co_await answer;
-    cancelled.push_back(co_await IsCancelled());
-  };
-  TaskScope::Handle handles[3];
-  for (int i = 0; i < 3; ++i) handles[i] = scope->add(flow(questions[i]));
-  handles[0].cancel();
+  int ended = 0;
+  for (Question& question : questions) scope->add(once(question, [&ended] { ++ended; }));
   questions[1].answer(1);
   questions[0].answer(1);
   scope.reset();
-  for (const TaskScope::Handle& handle : handles) handle.cancel();
   questions[2].answer(1);
-  EXPECT_THAT(cancelled, ElementsAre(false, true));
+  EXPECT_EQ(ended, 2);
 }
 
 // Calls the function when a flow and what it was given is gone.

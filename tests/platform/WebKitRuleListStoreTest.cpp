@@ -62,7 +62,8 @@ class WebKitRuleListStoreTest : public testing::Test {
 
   const test::TemporaryFolder folder;
   const RuleListCompiler::Options options = {.helper = TAMSEL_RULE_COMPILER_PATH,
-                                             .defaultFolder = folder.path() + "/default"};
+                                             .defaultFolder = folder.path() + "/default",
+                                             .memoryFolder = ""};
   const std::string good = document({rule("block", "a")});
 };
 
@@ -90,7 +91,8 @@ TEST_F(WebKitRuleListStoreTest, AnswersAnErrorAndKeepsTheOldList) {
   const RuleListStore::Result refused = compile(
       store, request(document({rule("block", "a"), rule("block", "b"), rule("block", "c|d")})));
   EXPECT_EQ(refused, RuleListStore::Result(RuleListStore::Error{
-                         "Rule 2 was refused: Disjunctions are not supported yet.", ""}));
+                         .message = "Rule 2 was refused: Disjunctions are not supported yet.",
+                         .ruleIndex = 2}));
   EXPECT_THAT(identifiers(compile(store, request("[{"))).front(), HasSubstr("JSON"));
   EXPECT_THAT(identifiers(compile(store, request(good, "../x"))).front(), HasSubstr("could not"));
 }

@@ -3,18 +3,15 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "platform/http/SoupHttpClient.h"
 #include "platform/rulestore/WebKitRuleListStore.h"
 #include "state/AppState.h"
-#include "state/Persisted.h"
 #include "state/StarterList.h"
 #include "tests/support/AppFakes.h"
 #include "tests/support/SiteServer.h"
-#include "tests/support/SmallDisk.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tamsel {
@@ -43,6 +40,8 @@ class PatientStore : public RuleListStore {
     Request request;
     std::function<void(Result)> completion;
   };
+  void answer(std::size_t number, Result result) { waiting[number].completion(std::move(result)); }
+
   std::vector<Waiting> waiting;
 };
 
@@ -118,8 +117,9 @@ TEST_F(RebuildTest, AsksNoStoreWhenThereIsNoRule) {
 
 TEST_F(RebuildTest, GoesOnWithoutARuleThatIsRefused) {
   const auto app = startWith(store, lines(20));
-  // The number may stand in the detail.
-  for (const Error& error : {Error{"WebKit said: index 7", ""}, Error{"Refused", "RULE: #7"}}) {
+  // The number may stand in the detail, or be told as such.
+  for (const Error& error : {Error{"WebKit said: index 7"}, Error{"Refused", "RULE: #7"},
+                             Error{.message = "rule 1", .ruleIndex = 7}}) {
     store.documents.clear();
     store.answer = [this, &error](const RuleListStore::Request&) {
       return store.documents.size() == 1 ? Result(error)
@@ -184,32 +184,67 @@ TEST_F(RebuildTest, HandsOverNoMoreThanTheLimit) {
   EXPECT_EQ(*app->totalRules, 150000);
 }
 
-TEST_F(RebuildTest, IsCancelledByTheNextOneUntilItAsksTheStore) {
+TEST_F(RebuildTest, PublishesWhatWasLastAskedFor) {
   PatientStore patient;
   auto app = start(patient);
-  app->rebuild();
-  app->rebuild();
+  for (int i = 0; i < 3; ++i) app->rebuild();
   runUntil([&] { return !patient.waiting.empty(); });
   EXPECT_TRUE(*app->isCompiling);
 
-  // Those that the store works for go on, and publish in the order in which they finish.
+  // What the store works for is stopped, and asked for again only when it has ended.
   app->customRules = "||own.example^";
   app->rebuild();
+  EXPECT_TRUE(patient.waiting[0].request.stop.stop_requested());
+  app->customRules = "||own.example^\n||other.example^";
+  app->rebuild();
+  patient.answer(0, std::make_shared<const RuleList>());
   runUntil([&] { return patient.waiting.size() == 2; });
-  patient.waiting[1].completion(std::make_shared<const RuleList>());
+  EXPECT_THAT(*app->statusMessage, IsEmpty());
+  patient.answer(1, std::make_shared<const RuleList>());
   runUntil([&] { return !*app->isCompiling; });
-  EXPECT_EQ(*app->totalRules, starterRules + 2);
-  patient.waiting[0].completion(Error{"late", ""});
-  runUntil([&] { return *app->statusMessage == "Compile failed."; });
-  EXPECT_EQ(*app->totalRules, starterRules);
-  EXPECT_EQ(browser->ruleLists.size(), 2);
+  EXPECT_EQ(*app->totalRules, starterRules + 4);
+  EXPECT_EQ(browser->ruleLists.size(), 1);
 
-  // An answer that the application does not live to see is dropped.
+  // Nothing to compile overtakes whatever takes longer.
   app->rebuild();
   runUntil([&] { return patient.waiting.size() == 3; });
+  app->customRules = "";
+  app->toggle(Starter::id);
+  runUntil([&] { return !*app->isCompiling; });
+  patient.answer(2, std::make_shared<const RuleList>());
+  app->toggle(Starter::id);
+  app->toggle(Starter::id);
+  runUntil([&] { return !*app->isCompiling; });
+  EXPECT_EQ(*app->statusMessage, "Compiled 0 rules.");
+  EXPECT_EQ(*app->totalRules, 0);
+
+  // An answer that the application does not live to see is dropped.
+  app->toggle(Starter::id);
+  runUntil([&] { return patient.waiting.size() == 4; });
   app.reset();
-  patient.waiting[2].completion(Error{"late", ""});
+  EXPECT_TRUE(patient.waiting[3].request.stop.stop_requested());
+  patient.answer(3, Error{"late"});
   test::runWhatIsPending();
+}
+
+TEST_F(RebuildTest, EndsWhateverIsThrown) {
+  const auto app = startWith(store, "||a.example^");
+  const auto fail = []() -> Result { throw std::bad_alloc(); };
+  for (const bool inStore : {true, false}) {
+    store.answer = [&](const RuleListStore::Request&) {
+      return inStore ? fail() : Result(std::make_shared<const RuleList>());
+    };
+    browser->onRuleList = [&] {
+      if (!inStore) (void)fail();
+    };
+    rebuild(*app);
+    EXPECT_EQ(*app->compileError, "There is not enough memory.");
+    EXPECT_EQ(*app->statusMessage, "Compile failed.");
+  }
+  store.answer = nullptr;
+  browser->onRuleList = nullptr;
+  rebuild(*app);
+  EXPECT_EQ(*app->statusMessage, "Compiled 2 rules.");
 }
 
 TEST_F(RebuildTest, FindsTheIndexInAnErrorsText) {
@@ -232,40 +267,13 @@ TEST_F(RebuildTest, FindsTheIndexInAnErrorsText) {
   for (const auto& [text, index] : cases) EXPECT_EQ(AppState::badRuleIndex(text), index) << text;
 }
 
-TEST_F(RebuildTest, SavesAgainWhenTheDiskIsNoLongerFull) {
-  const test::SmallDisk disk(folder.path() + "/disk");
-  if (!disk.isMounted()) GTEST_SKIP() << "A file system can be mounted only with more rights.";
-  AppState app({disk.path(), store, http, panel, std::make_unique<test::FakeBrowser>()});
-  const auto saved = [&disk]() -> std::optional<Persisted> {
-    std::ifstream file(disk.path() + "/state.json", std::ios::binary);
-    return Persisted::decode(std::string(std::istreambuf_iterator<char>(file), {}));
-  };
-  app.addList("small", "||a.example^");
-  ASSERT_EQ(saved()->lists.size(), 2);
-
-  app.addList("large", std::string(5000000, 'x'));
-  EXPECT_EQ(app.lists->size(), 3);
-  EXPECT_EQ(saved()->lists.size(), 2);
-  ASSERT_TRUE(disk.setReadOnly(true));
-  app.setPaused("a.example", true);
-  EXPECT_EQ(app.pausedSites->size(), 1);
-  EXPECT_THAT(saved()->pausedSites, IsEmpty());
-
-  ASSERT_TRUE(disk.setReadOnly(false));
-  app.remove(app.lists->back().id);
-  EXPECT_EQ(saved()->lists, *app.lists);
-  EXPECT_EQ(saved()->pausedSites, std::vector<std::string>{"a.example"});
-  for (const auto& entry : fs::directory_iterator(disk.path())) {
-    EXPECT_THAT(entry.path().filename().string(), testing::Not(testing::StartsWith(".tamsel")));
-  }
-  runUntil([&app] { return !*app.isCompiling; });
-}
-
 // From here on with the real WebKit, and a real server.
 class RealRebuildTest : public RebuildTest {
  protected:
   RuleListCompiler::Options options() const {
-    return {.helper = TAMSEL_RULE_COMPILER_PATH, .defaultFolder = folder.path() + "/default"};
+    return {.helper = TAMSEL_RULE_COMPILER_PATH,
+            .defaultFolder = folder.path() + "/default",
+            .memoryFolder = ""};
   }
 };
 

@@ -24,12 +24,14 @@ class FakeBrowser : public Browser {
   void setApp(AppState* newApp) override { app = newApp; }
   void setRuleList(std::shared_ptr<const RuleList> list) override {
     ruleLists.push_back(std::move(list));
+    if (onRuleList) onRuleList();
   }
   void loadDemo() override { ++demos; }
 
   AppState* app = nullptr;
   int demos = 0;
   std::vector<std::shared_ptr<const RuleList>> ruleLists;
+  std::function<void()> onRuleList;
 };
 
 /// Answers from the main loop what `answer` says; a list if it is not set.

@@ -134,7 +134,11 @@ void remove(const std::vector<RefusedRule>& refused, SourcedRules& rules,
 std::vector<Refusal> askWebKit(SourcedRules& rules, const std::stop_token& stop) {
   std::string folder = RuleListCompiler::userFolder();
   std::optional<TemporaryFolder> temporary;
-  if (!StoreFolder::isUsable(folder, identifier)) folder = temporary.emplace().path();
+  if (!StoreFolder::isUsable(folder, identifier)) {
+    temporary.emplace();
+    // Without one either, the first says what is wrong.
+    if (!temporary->path().empty()) folder = temporary->path();
+  }
   const RuleListCompiler compiler({.defaultFolder = folder});
   Progress progress(rules.size());
   std::vector<Refusal> refusals;

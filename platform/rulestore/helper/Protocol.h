@@ -22,6 +22,9 @@ enum class Status : std::uint64_t {
   refused,
 };
 
+/// The code that the helper exits with when it needs more memory than it may have.
+inline constexpr int outOfMemory = 12;
+
 /// Followed by the text.
 struct Reply {
   Status status;

@@ -10,14 +10,18 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <webkit/webkit.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "platform/rulestore/helper/Protocol.h"
 
@@ -58,25 +62,45 @@ void reply(Status status, const std::string& text) {
   send(text.data(), text.size());
 }
 
+void limit(__rlimit_resource resource, rlim_t most) {
+  rlimit limits{};
+  if (::getrlimit(resource, &limits) != 0) return;
+  limits.rlim_cur = limits.rlim_max = std::min({most, limits.rlim_cur, limits.rlim_max});
+  ::setrlimit(resource, &limits);
+}
+
 // Whatever a list does to WebKit, this process is the one to pay, and it ends with its store.
 void confine() {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   constexpr int background = 5;
   (void)::nice(background);
-  const rlimit none{0, 0};
-  ::setrlimit(RLIMIT_CORE, &none);
+  constexpr rlim_t seconds = 600;  // several times what a compilation may last
+  constexpr rlim_t fileLength = rlim_t{2} << 30;
+  limit(RLIMIT_CORE, 0);
+  limit(RLIMIT_CPU, seconds);
+  limit(RLIMIT_FSIZE, fileLength);
   std::ofstream("/proc/self/oom_score_adj") << 1000;
+  ::umask(S_IRWXG | S_IRWXO);
 }
 
 // Ends the process when it takes up too much memory. The system's own limits do not serve: they
-// count what WebKit only reserves, which is a hundred times more.
-gboolean watchMemory(gpointer) {
+// count what WebKit only reserves, which is a hundred times more. On a thread, since WebKit keeps
+// the main loop waiting.
+void watchMemory() {
   constexpr std::size_t mostMemory = std::size_t{4} << 30;
-  std::size_t pages = 0;
-  std::size_t resident = 0;
-  std::ifstream("/proc/self/statm") >> pages >> resident;
-  if (resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) > mostMemory) std::abort();
-  return G_SOURCE_CONTINUE;
+  constexpr std::size_t share = 3;  // the most of the machine's memory
+  constexpr auto step = std::chrono::milliseconds(50);
+  const auto pageSize = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const auto machine = static_cast<std::size_t>(::sysconf(_SC_PHYS_PAGES)) * pageSize;
+  const std::size_t most = std::min(mostMemory, machine / share);
+  while (true) {
+    std::size_t pages = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    if (resident * pageSize > most) end(outOfMemory);
+    std::this_thread::sleep_for(step);
+  }
 }
 
 // WebKit leaves the work files of what it refuses behind.
@@ -84,8 +108,10 @@ void removeWorkFiles() {
   const char* folder = std::getenv("TMPDIR");
   if (folder == nullptr) return;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-    std::filesystem::remove(entry, error);
+  for (std::filesystem::directory_iterator entry(folder, error), last; !error && entry != last;
+       entry.increment(error)) {
+    std::error_code ignored;
+    std::filesystem::remove(entry->path(), ignored);
   }
 }
 
@@ -126,15 +152,18 @@ void answerRequest(WebKitUserContentFilterStore* store, GMainLoop* loop) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   if (argc != 2) end(EXIT_FAILURE);
   confine();
   WebKitUserContentFilterStore* store = webkit_user_content_filter_store_new(argv[1]);
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  constexpr guint milliseconds = 100;
-  g_timeout_add(milliseconds, watchMemory, nullptr);
+  std::thread(watchMemory).detach();
   reply(Status::ready, std::to_string(webkit_get_major_version()) + "." +
                            std::to_string(webkit_get_minor_version()) + "." +
                            std::to_string(webkit_get_micro_version()));
   while (true) answerRequest(store, loop);
+} catch (const std::bad_alloc&) {
+  end(outOfMemory);
+} catch (const std::exception&) {
+  end(EXIT_FAILURE);
 }

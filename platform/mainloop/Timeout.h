@@ -6,6 +6,8 @@
 #include <functional>
 #include <utility>
 
+#include "platform/mainloop/Uncaught.h"
+
 namespace tamsel {
 
 /// Calls a function once, on the main loop, when time has passed; unless it is stopped, started
@@ -24,7 +26,7 @@ class Timeout {
       auto& self = *static_cast<Timeout*>(data);
       self.source_ = 0;
       const auto onTime = self.onTime_;
-      onTime();
+      Uncaught::guard(onTime);
       return G_SOURCE_REMOVE;
     };
     source_ = g_timeout_add(static_cast<guint>(time.count()), pass, this);
