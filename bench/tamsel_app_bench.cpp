@@ -4,11 +4,14 @@
 #include <benchmark/benchmark.h>
 #include <libsoup/soup.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -165,6 +168,78 @@ void memoryOfRebuilds(benchmark::State& state) {
   }
 }
 
+std::size_t helperCount() {
+  std::size_t count = 0;
+  std::error_code gone;
+  for (fs::directory_iterator thread("/proc/self/task", gone), last; !gone && thread != last;
+       thread.increment(gone)) {
+    std::ifstream children(thread->path() / "children");
+    for (long child = 0; children >> child;) ++count;
+  }
+  return count;
+}
+
+// Somebody in a hurry: twelve changes within a second, the list being on at the end. The list has
+// to be compiled as a whole, as nothing is kept of it. TAMSEL_HURRIES says how often.
+void hurry(benchmark::State& state) {
+  static Application& running = *new Application(ListFiles::get().scratch() / "Hurrying");
+  if (running.app.lists->size() == 1) {
+    running.app.addList("list", Files::read(ListFiles::get().paths()[0]));
+    running.settle();
+  }
+  const Uuid starter = running.app.lists->front().id, list = running.app.lists->back().id;
+  const auto forget = [] {
+    fs::remove_all(ListFiles::get().scratch() / "Hurrying" / "RuleStore");
+    fs::remove_all(RuleListCompiler::userFolder() + "/TamselRules");
+  };
+  static int round = 0;
+  for (auto step : state) {
+    std::mt19937 random(static_cast<unsigned>(++round));
+    std::vector<int> moments(12);
+    for (int& moment : moments) moment = static_cast<int>(random() % 1000);
+    std::sort(moments.begin(), moments.end());
+    forget();
+    std::size_t mostHelpers = 0;
+    auto last = Clock::now();
+    const auto start = last;
+    const Ticker ticker;  // so that the loop turns
+    for (const int moment : moments) {
+      while (millisecondsSince(start) < moment) {
+        g_main_context_iteration(nullptr, TRUE);
+        mostHelpers = std::max(mostHelpers, helperCount());
+      }
+      if (const auto what = random() % 3; what == 0) {
+        running.app.toggle(list);
+      } else if (what == 1) {
+        running.app.toggle(starter);
+      } else {
+        running.app.customRules = "||hurry" + std::to_string(random()) + ".example^";
+        running.app.rebuild();
+      }
+      const bool isLast = &moment == &moments.back();
+      if (isLast && !running.app.lists->back().enabled) running.app.toggle(list);
+      last = Clock::now();
+    }
+    while (*running.app.isCompiling) {
+      g_main_context_iteration(nullptr, TRUE);
+      mostHelpers = std::max(mostHelpers, helperCount());
+    }
+    const double hurried = millisecondsSince(last);
+    const std::string status = *running.app.statusMessage;
+    const auto stats = *running.app.stats;
+
+    forget();
+    const auto again = Clock::now();
+    running.rebuild();
+    if (status != *running.app.statusMessage || stats != *running.app.stats) {
+      state.SkipWithError(("published: " + status).c_str());
+    }
+    state.SetIterationTime(hurried / 1e3);
+    state.counters["times"] = hurried / millisecondsSince(again);
+    state.counters["helpers"] = static_cast<double>(mostHelpers);
+  }
+}
+
 void save(benchmark::State& state) {
   constexpr std::size_t listLength = 2000000;
   const std::string folder = ListFiles::get().scratch() / "Saving";
@@ -253,6 +328,8 @@ int runAll(int argc, char** argv) {
   registerOnce("rebuildAfterStart", rebuildAfterStart, 9)->UseManualTime();
   registerOnce("memoryOfRebuilds", memoryOfRebuilds, 3);
   registerOnce("rebuildChanged", rebuildChanged, 9)->UseManualTime();
+  const char* hurries = std::getenv("TAMSEL_HURRIES");
+  registerOnce("hurry", hurry, hurries == nullptr ? 5 : std::atoi(hurries))->UseManualTime();
   registerOnce("save", save, 9);
   registerOnce("addByAddress", addByAddress, 5)->UseManualTime();
 
@@ -266,6 +343,8 @@ int runAll(int argc, char** argv) {
                {"for comparison: with WebKit", "rebuildChanged", "all", 0, "ms"},
                {"Resident after ten rebuilds more, times", "memoryOfRebuilds", "factor", 1.05, ""},
                {"for comparison: resident", "memoryOfRebuilds", "resident", 0, "MB"},
+               {"Twelve changes in a second: the last, times", "hurry", "times", 1.3, ""},
+               {"  helpers at most", "hurry", "helpers", 2, ""},
                {"save() with three lists of 2 MB", "save", "", 60, "ms"},
                {"A list added by address, without WebKit", "addByAddress", "", 600, "ms"},
                {"  of which the download", "addByAddress", "downloaded", 0, "ms"},
