@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "compiler/DocumentCollector.h"
 #include "compiler/LineCompiler.h"
 #include "compiler/RuleSet.h"
 #include "compiler/Unicode.h"
@@ -75,12 +76,13 @@ class LineSplitter {
 // on their way from memory before they are looked at: with a million rules most are far away.
 class RuleCollector {
  public:
-  explicit RuleCollector(std::size_t textBytes) {
+  RuleCollector(std::size_t textBytes, std::size_t limit)
+      : limit_(limit), sets_{RuleSet(limit), RuleSet(limit), RuleSet(limit)} {
     // Large lists have a rule in every fifteen bytes, nearly all of them blocks. The limit keeps a
     // text that is nothing of the kind from being given more than it will use.
     constexpr std::size_t bytesPerRule = 15;
     constexpr std::size_t mostReserved = 4'000'000;
-    setOf(RuleKind::block).reserve(std::min(textBytes / bytesPerRule, mostReserved));
+    setOf(RuleKind::block).reserve(std::min({textBytes / bytesPerRule, mostReserved, limit}));
   }
 
   std::vector<HashedRule>& batch() { return batch_; }
@@ -89,15 +91,25 @@ class RuleCollector {
     if (batch_.size() >= batchSize) flush();
   }
 
-  SourcedRules take() {
+  // Sets the rules and whether there were more.
+  void moveTo(ParseOutput& output) {
     flush();
+    std::size_t count = 0;
+    for (RuleSet& set : sets_) {
+      count += set.rules().size();
+      output.truncated = output.truncated || set.overflowed();
+    }
+    output.truncated = output.truncated || count > limit_;
     SourcedRules& all = setOf(RuleKind::block).rules();
+    all.reserve(std::min(count, limit_));
     for (RuleKind kind : {RuleKind::exception, RuleKind::cosmetic}) {
       SourcedRules& rules = setOf(kind).rules();
+      const std::size_t room = std::min(rules.size(), limit_ - all.size());
       all.insert(all.end(), std::make_move_iterator(rules.begin()),
-                 std::make_move_iterator(rules.end()));
+                 std::make_move_iterator(rules.begin() + static_cast<std::ptrdiff_t>(room)));
+      rules = {};
     }
-    return std::move(all);
+    output.rules = std::move(all);
   }
 
  private:
@@ -111,18 +123,17 @@ class RuleCollector {
     batch_.clear();
   }
 
+  std::size_t limit_;
   std::vector<HashedRule> batch_;
   std::array<RuleSet, 3> sets_;  // by kind
 };
 
-}  // namespace
-
-ParseOutput parse(std::span<const Input> inputs) {
-  ParseOutput output;
+// Hands the rules of all lines to the collector. `countOf` is asked for the count of a list's
+// skipped lines.
+template <typename Collector, typename CountOf>
+void compileLines(std::span<const Input> inputs, Collector& collector,
+                  std::vector<SkippedRule>& skipped, const CountOf& countOf) {
   LineCompiler compiler;
-  std::size_t textBytes = 0;
-  for (const Input& input : inputs) textBytes += input.text.size();
-  RuleCollector collector(textBytes);
   for (const Input& input : inputs) {
     const Origin origin{input.id, input.name};
     std::size_t kept = 0;
@@ -131,17 +142,40 @@ ParseOutput parse(std::span<const Input> inputs) {
       const std::string_view trimmed = Unicode::trimmed(*line);
       const auto result = compiler.compile(trimmed, origin, collector.batch());
       if (const auto* skip = std::get_if<Skip>(&result)) {
-        ++output.skippedCounts[input.id];
+        ++countOf(input.id);
         if (kept == maxSkippedPerList) continue;
-        output.skipped.push_back({Uuid::random(), trimmed, skip->reason, input.id, input.name});
+        skipped.push_back({Uuid::random(), trimmed, skip->reason, input.id, input.name});
         ++kept;
       } else {
         collector.afterLine();
       }
     }
   }
-  output.rules = collector.take();
+}
+
+}  // namespace
+
+ParseOutput parse(std::span<const Input> inputs, std::size_t ruleLimit) {
+  ParseOutput output;
+  std::size_t textBytes = 0;
+  for (const Input& input : inputs) textBytes += input.text.size();
+  RuleCollector collector(textBytes, ruleLimit);
+  compileLines(inputs, collector, output.skipped,
+               [&](const Uuid& id) -> std::size_t& { return output.skippedCounts[id]; });
+  collector.moveTo(output);
   return output;
+}
+
+DocumentReport compileDocument(std::span<const Input> inputs,
+                               const std::function<void(std::string_view)>& write) {
+  DocumentReport report;
+  DocumentCollector collector(write);
+  compileLines(inputs, collector, report.skipped,
+               [&](const Uuid& id) -> std::size_t& { return collector.stats()[id].skipped; });
+  collector.finish();
+  report.ruleCount = collector.ruleCount();
+  report.stats = std::move(collector.stats());
+  return report;
 }
 
 LineResult parseLine(std::string_view line, const Uuid& id, const Text& name) {

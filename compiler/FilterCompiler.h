@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <limits>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -40,9 +43,27 @@ struct LineResult {
   std::variant<None, Rules, Skipped> value;
 };
 
+inline constexpr std::size_t noLimit = std::numeric_limits<std::size_t>::max();
+
 /// Compiles the lists, in the order given. A rule that an earlier line produced already, of the
-/// same or an earlier list, is dropped. Never fails: what cannot be expressed is in `skipped`.
-ParseOutput parse(std::span<const Input> inputs);
+/// same or an earlier list, is dropped. Never fails: what cannot be expressed is in `skipped`. Of
+/// more than `ruleLimit` rules the first are returned; the others take no memory.
+ParseOutput parse(std::span<const Input> inputs, std::size_t ruleLimit = noLimit);
+
+/// What became of lists that were compiled into a document.
+struct DocumentReport {
+  std::size_t ruleCount = 0;
+  /// As in ParseOutput.
+  std::vector<SkippedRule> skipped;
+  /// Of each list with rules or skipped lines.
+  std::map<Uuid, ListStats> stats;
+};
+
+/// Compiles the lists as `parse` does, and hands the document of the rules to `write` piece by
+/// piece, to the byte what RuleDocument::encode makes of them. The rules are not kept, so that
+/// large lists take a fraction of the memory. Throws what `write` throws, and std::bad_alloc.
+DocumentReport compileDocument(std::span<const Input> inputs,
+                               const std::function<void(std::string_view)>& write);
 
 /// Compiles one line, without its line break, of the list `id` named `name`.
 LineResult parseLine(std::string_view line, const Uuid& id, const Text& name);

@@ -98,6 +98,8 @@ struct ParseOutput {
   std::vector<SkippedRule> skipped;
   /// All skipped lines of each list that has any.
   std::map<Uuid, std::size_t> skippedCounts;
+  /// Whether there were more rules than were asked for.
+  bool truncated = false;
 };
 
 /// Counts of one list.

@@ -14,7 +14,7 @@ constexpr bool isCrowded(std::size_t rules, std::size_t slots) {
 
 }  // namespace
 
-RuleSet::RuleSet() : slots_(initialSlots) {}
+RuleSet::RuleSet(std::size_t limit) : slots_(initialSlots), limit_(limit) {}
 
 void RuleSet::reserve(std::size_t count) {
   rules_.reserve(count + count / 4);  // room that is not used costs nothing
@@ -29,6 +29,10 @@ void RuleSet::add(SourcedRule&& rule, std::uint64_t hash) {
   while (slots_[slot].index != empty) {
     if (slots_[slot].tag == tag && rules_[slots_[slot].index].rule == rule.rule) return;
     slot = slotOf(static_cast<std::uint32_t>(slot) + 1);
+  }
+  if (rules_.size() == limit_) {
+    overflowed_ = true;
+    return;
   }
   slots_[slot] = {tag, static_cast<std::uint32_t>(rules_.size())};
   rules_.push_back(std::move(rule));

@@ -11,7 +11,8 @@ namespace tamsel::FilterCompiler {
 /// Rules of one kind without duplicates, in the order in which they were first added.
 class RuleSet {
  public:
-  RuleSet();
+  /// Of more than `limit` rules it keeps the first.
+  explicit RuleSet(std::size_t limit);
 
   /// Makes room for about that many rules at once, instead of moving them as they become more.
   void reserve(std::size_t count);
@@ -27,6 +28,9 @@ class RuleSet {
 
   SourcedRules& rules() noexcept { return rules_; }
 
+  /// Whether a rule was dropped for the limit.
+  bool overflowed() const noexcept { return overflowed_; }
+
  private:
   // An open-addressing table in which a slot is found by its tag alone, so that it can grow
   // without looking at the rules. An index of 32 bits suffices: that many rules would fill 400 GB.
@@ -41,6 +45,8 @@ class RuleSet {
 
   LargeVector<Slot> slots_;  // a power of two of them, at most two thirds in use
   SourcedRules rules_;
+  std::size_t limit_;
+  bool overflowed_ = false;
 };
 
 }  // namespace tamsel::FilterCompiler

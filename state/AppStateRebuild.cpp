@@ -28,11 +28,12 @@ struct Source {
   Text text;
 };
 
-ParseOutput parse(const std::vector<Source>& sources) {
+ParseOutput parse(const std::vector<Source>& sources, const std::stop_token& stop) {
+  if (stop.stop_requested()) return {};  // it waited for a worker so long
   std::vector<FilterCompiler::Input> inputs;
   inputs.reserve(sources.size());
   for (const Source& source : sources) inputs.push_back({source.id, source.name, source.text});
-  return FilterCompiler::parse(inputs);
+  return FilterCompiler::parse(inputs, AppState::ruleLimit);
 }
 
 std::map<Uuid, ListStats> count(const SourcedRules& rules,
@@ -58,19 +59,6 @@ std::map<Uuid, ListStats> count(const SourcedRules& rules,
   }
   for (const auto& [id, skipped] : skippedCounts) stats[id].skipped = skipped;
   return stats;
-}
-
-struct Parsed {
-  ParseOutput output;
-  bool truncated = false;
-};
-
-Parsed parseUpToLimit(const std::vector<Source>& sources, const std::stop_token& stop) {
-  if (stop.stop_requested()) return {};  // it waited for a worker so long
-  Parsed parsed{parse(sources), false};
-  parsed.truncated = parsed.output.rules.size() > AppState::ruleLimit;
-  if (parsed.truncated) parsed.output.rules.resize(AppState::ruleLimit);
-  return parsed;
 }
 
 struct Encoded {
@@ -151,15 +139,14 @@ Task<void> AppState::performRebuild(CompileQueue::Turn turn) {
     }
     sources.push_back({Starter::customID, customRulesName, *customRules});
 
-    auto parsing = detached([sources = std::move(sources), stop = turn.stopToken()] {
-      return parseUpToLimit(sources, stop);
-    });
-    Parsed parsed = co_await parsing;
+    auto parsing = detached(
+        [sources = std::move(sources), stop = turn.stopToken()] { return parse(sources, stop); });
+    ParseOutput parsed = co_await parsing;
     Rebuild rebuild;
     rebuild.turn = turn;
-    rebuild.rules.value = std::move(parsed.output.rules);
-    rebuild.skipped.value = std::move(parsed.output.skipped);
-    rebuild.skippedCounts = std::move(parsed.output.skippedCounts);
+    rebuild.rules.value = std::move(parsed.rules);
+    rebuild.skipped.value = std::move(parsed.skipped);
+    rebuild.skippedCounts = std::move(parsed.skippedCounts);
     if (turn.isSuperseded()) co_return;
     truncated = parsed.truncated;
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "compiler/FilterCompiler.h"
+#include "compiler/RuleDocument.h"
 #include "tests/support/ExactCopy.h"
 #include "tests/support/Rules.h"
 
@@ -15,8 +16,11 @@ namespace tamsel {
 namespace {
 
 using namespace std::string_literals;
+using FilterCompiler::compileDocument;
+using FilterCompiler::DocumentReport;
 using FilterCompiler::Input;
 using FilterCompiler::LineResult;
+using FilterCompiler::parse;
 using test::ExactCopy;
 using test::pick;
 using Strings = std::vector<std::string>;
@@ -432,6 +436,64 @@ TEST(FilterCompiler, DescribesRules) {
       {{{"a", false, empty, empty, empty, empty}, {"t", Text()}}, "a|false|||||t|"},
   };
   for (const auto& [rule, text] : cases) EXPECT_EQ(FilterCompiler::describe(rule), text);
+}
+
+// Duplicates of every kind, within a list and between two, and more lines than a batch has.
+TEST(FilterCompiler, MakesTheSameOfListsWhateverIsKept) {
+  std::mt19937 random(7);
+  const std::string_view lines[] = {"||N.example^",
+                                    "@@||N.example^",
+                                    "##.N",
+                                    "N.example##.ad",
+                                    "/N/*$image",
+                                    "N.example#?#x",
+                                    "0.0.0.0 N.example",
+                                    "||N.example^$third-party",
+                                    "||N.example^$domain=a.N|~b.N",
+                                    "! N",
+                                    "##.N\xFF\"\\",
+                                    "##.N\xFE\"\\"};
+  for (const unsigned different : {1U, 3U, 100U, 2000U}) {
+    std::string texts[2];
+    for (int i = 0; i < 3000; ++i) {
+      std::string line(lines[random() % std::size(lines)]);
+      const std::string number = std::to_string(random() % different);
+      for (std::size_t at = 0; (at = line.find('N', at)) != std::string::npos;) {
+        line.replace(at, 1, number);
+      }
+      texts[random() % 2] += line + "\n";
+    }
+    const Input inputs[] = {{Uuid::random(), "a", texts[0]}, {Uuid::random(), "b", texts[1]}};
+    const ParseOutput all = parse(inputs);
+
+    std::string document;
+    const DocumentReport report =
+        compileDocument(inputs, [&document](std::string_view piece) { document += piece; });
+    EXPECT_EQ(document, std::string_view(RuleDocument::encode(all.rules)));
+    EXPECT_EQ(report.ruleCount, all.rules.size());
+    EXPECT_EQ(report.skipped.size(), all.skipped.size());
+    std::map<Uuid, ListStats> stats;
+    for (const SourcedRule& rule : all.rules) {
+      ListStats& counts = stats[rule.listID];
+      ++(rule.kind == RuleKind::block
+             ? counts.block
+             : (rule.kind == RuleKind::exception ? counts.exception : counts.cosmetic));
+    }
+    for (const auto& [id, skipped] : all.skippedCounts) stats[id].skipped = skipped;
+    EXPECT_EQ(report.stats, stats);
+
+    for (std::size_t limit = 0; limit < all.rules.size() + 2; limit += 1 + all.rules.size() / 50) {
+      const ParseOutput some = parse(inputs, limit);
+      EXPECT_EQ(some.truncated, limit < all.rules.size());
+      EXPECT_EQ(some.rules, SourcedRules(all.rules.begin(),
+                                         all.rules.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                                                 limit, all.rules.size()))));
+      EXPECT_EQ(some.skippedCounts, all.skippedCounts);
+    }
+  }
+  std::string nothing;
+  (void)compileDocument({}, [&nothing](std::string_view piece) { nothing += piece; });
+  EXPECT_EQ(nothing, "[]");
 }
 
 }  // namespace

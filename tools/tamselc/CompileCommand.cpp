@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "compiler/FilterCompiler.h"
-#include "compiler/RuleDocument.h"
 #include "platform/files/Files.h"
 #include "tools/tamselc/FilterLists.h"
 #include "tools/tamselc/Output.h"
@@ -26,27 +25,13 @@ struct CompiledList {
   ListStats stats;
 };
 
-std::vector<CompiledList> countPerList(const FilterLists& lists, const ParseOutput& output) {
-  std::map<Uuid, ListStats> stats;
-  for (const SourcedRule& rule : output.rules) {
-    ListStats& counts = stats[rule.listID];
-    switch (rule.kind) {
-      case RuleKind::block:
-        ++counts.block;
-        break;
-      case RuleKind::exception:
-        ++counts.exception;
-        break;
-      case RuleKind::cosmetic:
-        ++counts.cosmetic;
-        break;
-    }
-  }
-  for (const auto& [id, count] : output.skippedCounts) stats[id].skipped = count;
-
+std::vector<CompiledList> countPerList(const FilterLists& lists,
+                                       const FilterCompiler::DocumentReport& report) {
   std::vector<CompiledList> compiled;
   for (const FilterCompiler::Input& input : lists.inputs()) {
-    compiled.push_back({input.name.string(), stats[input.id]});
+    const auto stats = report.stats.find(input.id);
+    compiled.push_back(
+        {input.name.string(), stats == report.stats.end() ? ListStats() : stats->second});
   }
   return compiled;
 }
@@ -69,7 +54,7 @@ std::size_t columns(std::string_view text) {
   }));
 }
 
-void printTable(const std::vector<CompiledList>& lists, const ParseOutput& output,
+void printTable(const std::vector<CompiledList>& lists, std::size_t rules,
                 std::chrono::duration<double> time, bool reported) {
   const ListStats total = sum(lists);
   std::size_t nameWidth = columns("Total");
@@ -91,12 +76,11 @@ void printTable(const std::vector<CompiledList>& lists, const ParseOutput& outpu
   if (lists.size() > 1) countsRow("Total", total);
 
   table << '\n'
-        << output.rules.size() << (output.rules.size() == 1 ? " rule in " : " rules in ")
-        << std::fixed << std::setprecision(2) << time.count() << " s.\n";
-  if (output.rules.size() > webKitRuleLimit) {
+        << rules << (rules == 1 ? " rule in " : " rules in ") << std::fixed << std::setprecision(2)
+        << time.count() << " s.\n";
+  if (rules > webKitRuleLimit) {
     table << "WebKit takes no more than " << webKitRuleLimit
-          << " rules in one document; this one has " << output.rules.size() - webKitRuleLimit
-          << " too many.\n";
+          << " rules in one document; this one has " << rules - webKitRuleLimit << " too many.\n";
   }
   if (total.skipped != 0 && !reported) {
     table << total.skipped
@@ -106,10 +90,11 @@ void printTable(const std::vector<CompiledList>& lists, const ParseOutput& outpu
   writeMessage(table.str());
 }
 
-std::string makeReport(const std::vector<CompiledList>& lists, const ParseOutput& output) {
+std::string makeReport(const std::vector<CompiledList>& lists,
+                       const FilterCompiler::DocumentReport& compiled) {
   using Json = nlohmann::ordered_json;
   Json report;
-  report["rules"] = output.rules.size();
+  report["rules"] = compiled.ruleCount;
   report["lists"] = Json::array();
   for (const CompiledList& list : lists) {
     report["lists"].push_back({{"name", list.name},
@@ -119,7 +104,7 @@ std::string makeReport(const std::vector<CompiledList>& lists, const ParseOutput
                                {"skipped", list.stats.skipped}});
   }
   report["skipped"] = Json::array();
-  for (const SkippedRule& skipped : output.skipped) {
+  for (const SkippedRule& skipped : compiled.skipped) {
     report["skipped"].push_back({{"line", skipped.line.view()},
                                  {"reason", skipped.reason.view()},
                                  {"list", skipped.listName.view()}});
@@ -137,22 +122,23 @@ int CompileCommand::run() const {
     throw Files::FileError("Standard output (-) can take only one of the document and the report.");
   }
   const FilterLists inputs(lists);
-  const ParseOutput compiled = FilterCompiler::parse(inputs.inputs());
-  const std::vector<CompiledList> perList = countPerList(inputs, compiled);
-  const auto writeDocument = [&compiled](const Files::Sink& sink) {
-    RuleDocument::encode(compiled.rules, sink);
+  FilterCompiler::DocumentReport compiled;
+  const auto writeDocument = [&](const Files::Sink& sink) {
+    compiled = FilterCompiler::compileDocument(inputs.inputs(), sink);
   };
   if (toStandardOutput) {
     writeDocument(writeOutput);
   } else {
     Files::replace(output, writeDocument);
   }
+  const std::vector<CompiledList> perList = countPerList(inputs, compiled);
   if (report == standardOutput) {
     writeOutput(makeReport(perList, compiled));
   } else if (!report.empty()) {
     Files::replace(report, makeReport(perList, compiled));
   }
-  printTable(perList, compiled, std::chrono::steady_clock::now() - start, !report.empty());
+  printTable(perList, compiled.ruleCount, std::chrono::steady_clock::now() - start,
+             !report.empty());
   return 0;
 }
 
