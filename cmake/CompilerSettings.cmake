@@ -24,9 +24,6 @@ if(NOT TAMSEL_SANITIZE)
   check_pie_supported()
   set(CMAKE_POSITION_INDEPENDENT_CODE ON)
   add_compile_options(-fstack-protector-strong -fstack-clash-protection)
-  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
-    add_compile_options(-fcf-protection)
-  endif()
   add_link_options(-Wl,-z,relro -Wl,-z,now)
   # It needs optimisation, and warns without.
   add_compile_options($<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>

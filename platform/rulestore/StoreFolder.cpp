@@ -196,9 +196,10 @@ StoreFolder::StoreFolder(const std::string& parent, const std::string& identifie
   removeLeftovers(nullptr);
 }
 
-bool StoreFolder::isUsable(const std::string& parent, const std::string& identifier) {
+bool StoreFolder::isUsable(const std::string& parent, const std::string& identifier,
+                           const std::stop_token& stop) {
   try {
-    (void)StoreFolder(parent, identifier).makeWorkFolder();
+    (void)StoreFolder(parent, identifier, stop).makeWorkFolder();
     return true;
   } catch (const Unusable&) {
     return false;

@@ -74,7 +74,8 @@ class StoreFolder {
   StoreFolder(const std::string& parent, const std::string& identifier, std::stop_token stop = {});
 
   /// Whether one can be made, or is there, and can be written to.
-  static bool isUsable(const std::string& parent, const std::string& identifier);
+  static bool isUsable(const std::string& parent, const std::string& identifier,
+                       const std::stop_token& stop);
 
   /// Throws Unusable.
   WorkFolder makeWorkFolder() const { return {path_, identifier_, stop_}; }

@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -215,6 +217,16 @@ TEST_F(RuleListCompilerTest, SaysWhyThereIsNoList) {
               {.stop = stop.get_token(), .progress = [&](auto, auto) { stop.request_stop(); }}),
       "The compilation was stopped.");
   EXPECT_THAT(files(), IsEmpty());
+
+  // Another program is at work there, and does not end.
+  fs::create_directories(kept);
+  const int locked = ::open(kept.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(::flock(locked, LOCK_EX), 0);
+  std::stop_source interrupt;
+  std::jthread interrupting([&interrupt] { interrupt.request_stop(); });
+  EXPECT_EQ(failure(options(), good, {.stop = interrupt.get_token()}),
+            "The compilation was stopped.");
+  ::close(locked);
 }
 
 TEST_F(RuleListCompilerTest, UsesTheDefaultFolderForOneThatCannotBeUsed) {

@@ -134,7 +134,7 @@ void remove(const std::vector<RefusedRule>& refused, SourcedRules& rules,
 std::vector<Refusal> askWebKit(SourcedRules& rules, const std::stop_token& stop) {
   std::string folder = RuleListCompiler::userFolder();
   std::optional<TemporaryFolder> temporary;
-  if (!StoreFolder::isUsable(folder, identifier)) {
+  if (!StoreFolder::isUsable(folder, identifier, stop)) {
     temporary.emplace();
     // Without one either, the first says what is wrong.
     if (!temporary->path().empty()) folder = temporary->path();
