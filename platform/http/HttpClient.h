@@ -14,12 +14,19 @@ class HttpClient {
   struct Response {
     /// Of the last answer, when there were redirects.
     unsigned status = 0;
+    /// All of it, decompressed. Empty if the status is not one of success (200 to 299).
     std::string body;
   };
 
-  /// There is no answer; `what` is why, in the words of whoever found out.
+  /// A larger body, at any time on its way, is an error: no filter list comes near it.
+  static constexpr std::size_t maxBodyLength = std::size_t{256} << 20;
+
+  /// There is no answer, or not all of it; `what` is why, in the words of whoever found out.
   struct TransportError : std::runtime_error {
     using std::runtime_error::runtime_error;
+  };
+  struct TooLarge : TransportError {
+    TooLarge() : TransportError("The answer is larger than 256 MiB.") {}
   };
 
   HttpClient() = default;

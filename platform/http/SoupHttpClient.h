@@ -3,29 +3,36 @@
 #include <libsoup/soup.h>
 
 #include <chrono>
-#include <memory>
 
+#include "platform/glib/GObjects.h"
 #include "platform/http/HttpClient.h"
 
 namespace tamsel {
 
-/// The client on libsoup, whose messages its errors have. A transfer that breaks off is an error
-/// where libsoup can tell; the end of a body without a length is where the server says it is.
+/// The client on libsoup, whose messages its errors have where it is libsoup that fails.
+///
+/// libsoup takes much for a whole answer that is none: chunks that end before the last one, or have
+/// no size; less than the Content-Length when the connection ends with it; compressed data that is
+/// cut, damaged or in an encoding that it does not know. So the body is read and decoded here, and
+/// HTTP/2 not spoken. What cannot be told from a whole one is a body without length or compression
+/// whose end is that of an unencrypted connection.
 class SoupHttpClient : public HttpClient {
  public:
-  /// A larger body, once it is decompressed, is an error: no filter list comes near it.
-  static constexpr std::size_t maxBodyLength = std::size_t{256} << 20;
+  struct Options {
+    /// The longest wait for a connection, and for each next piece of the answer.
+    std::chrono::seconds timeout{30};
+    /// When less than 1 KB/s on average has come for so long, redirects included, it is enough.
+    std::chrono::milliseconds patience = std::chrono::minutes(2);
+  };
 
-  /// `timeout` is the longest wait for a connection and for each next piece of the answer.
-  explicit SoupHttpClient(std::chrono::seconds timeout = std::chrono::seconds(30));
+  SoupHttpClient() : SoupHttpClient(Options{}) {}
+  explicit SoupHttpClient(const Options& options);
 
   Task<Response> get(std::string url) override;
 
  private:
-  struct Unref {
-    void operator()(SoupSession* session) const { g_object_unref(session); }
-  };
-  std::unique_ptr<SoupSession, Unref> session_;
+  GObjectPtr<SoupSession> session_;
+  std::chrono::milliseconds patience_;
 };
 
 }  // namespace tamsel

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/glib/GObjects.h"
 #include "platform/mainloop/Timeout.h"
-#include "platform/webview/GObjects.h"
 
 namespace tamsel {
 

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "platform/webview/GObjects.h"
+#include "platform/glib/GObjects.h"
 
 namespace tamsel {
 

@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
+#include "platform/glib/GObjects.h"
 #include "platform/http/Address.h"
-#include "platform/webview/GObjects.h"
 
 namespace tamsel::PageQuestions {
 namespace {

@@ -9,10 +9,10 @@
 #include <optional>
 #include <string>
 
+#include "platform/glib/GObjects.h"
 #include "platform/mainloop/Timeout.h"
 #include "platform/webview/Departure.h"
 #include "platform/webview/Downloads.h"
-#include "platform/webview/GObjects.h"
 #include "platform/webview/PageDialogs.h"
 #include "platform/webview/RequestKeys.h"
 #include "platform/webview/WebView.h"

@@ -338,7 +338,7 @@ TEST_F(RealRebuildTest, FiltersWithoutItsStoreFolder) {
 
 TEST_F(RealRebuildTest, KeepsAListFromAServerUpToDate) {
   WebKitRuleListStore real(options());
-  SoupHttpClient client(std::chrono::seconds(1));
+  SoupHttpClient client({.timeout = std::chrono::seconds(1)});
   test::SiteServer server;
   AppState app({folder.path(), real, client, panel, std::make_unique<test::FakeBrowser>()});
   const auto settle = [&app] { runUntil([&] { return !*app.isCompiling && !*app.isRefreshing; }); };
