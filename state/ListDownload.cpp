@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "compiler/Unicode.h"
+#include "platform/http/HtmlPage.h"
 #include "platform/mainloop/Awaiting.h"
 
 namespace tamsel::ListDownload {
@@ -11,6 +12,8 @@ namespace {
 
 constexpr unsigned firstGoodStatus = 200;
 constexpr unsigned firstBadStatus = 300;
+constexpr const char* pageInstead =
+    "The answer is a web page and no filter list, perhaps because the network asks for a login.";
 
 }  // namespace
 
@@ -20,6 +23,7 @@ Task<Text> get(HttpClient& client, std::string url) {
   if (response.status < firstGoodStatus || response.status >= firstBadStatus) {
     throw std::runtime_error("HTTP " + std::to_string(response.status));
   }
+  if (beginsLikeHtml(response.body)) throw std::runtime_error(pageInstead);
   auto decoding = detached([body = std::move(response.body)]() mutable {
     return Text(Unicode::repaired(std::move(body)));
   });
