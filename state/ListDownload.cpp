@@ -12,6 +12,8 @@ namespace {
 
 constexpr unsigned firstGoodStatus = 200;
 constexpr unsigned firstBadStatus = 300;
+constexpr unsigned noContent = 204;
+constexpr unsigned resetContent = 205;
 constexpr const char* pageInstead =
     "The answer is a web page and no filter list, perhaps because the network asks for a login.";
 
@@ -22,6 +24,10 @@ Task<Text> get(HttpClient& client, std::string url) {
   HttpClient::Response response = co_await transfer;
   if (response.status < firstGoodStatus || response.status >= firstBadStatus) {
     throw std::runtime_error("HTTP " + std::to_string(response.status));
+  }
+  if (response.status == noContent || response.status == resetContent) {
+    throw std::runtime_error("The server has no list to send (HTTP " +
+                             std::to_string(response.status) + ").");
   }
   if (beginsLikeHtml(response.body)) throw std::runtime_error(pageInstead);
   auto decoding = detached([body = std::move(response.body)]() mutable {

@@ -75,7 +75,7 @@ StateFile::StateFile(std::string folder)
 StateFile::Loaded StateFile::load() {
   struct stat status {};
   if (::lstat(path_.c_str(), &status) != 0) return {};
-  std::string reason = "It is not what Tamsel writes.";
+  std::string reason = "The file is damaged, or none of Tamsel's.";
   try {
     Loaded loaded{Persisted::decode(Files::readRegular(path_, maxLength)), {}};
     if (loaded.state) return loaded;
@@ -87,7 +87,9 @@ StateFile::Loaded StateFile::load() {
   const std::string begin = "The saved lists and rules cannot be read. " + reason;
   switch (putAside()) {
     case PutAside::now:
-      return {{}, begin + " They are kept as \"" + fs::path(aside_).filename().string() + "\"."};
+      return {
+          {},
+          begin + " What was there is kept as \"" + fs::path(aside_).filename().string() + "\"."};
     case PutAside::before:
       return {};
     case PutAside::failed:

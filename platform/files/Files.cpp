@@ -215,6 +215,18 @@ std::string makePrivateFolder(const std::string& path) {
   return {};
 }
 
+void ensureRuntimeFolder() {
+  constexpr const char* variable = "XDG_RUNTIME_DIR";
+  if (std::getenv(variable) != nullptr) return;
+  const std::string path = "/dev/shm/tamsel-" + std::to_string(::geteuid());
+  (void)::mkdir(path.c_str(), S_IRWXU);
+  struct stat status {};
+  // Anybody can make a folder there.
+  const bool isOurs = ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+                      status.st_uid == ::geteuid() && (status.st_mode & 0777) == S_IRWXU;
+  if (isOurs) ::setenv(variable, path.c_str(), 1);
+}
+
 std::string besideProgram(const std::string& name, const std::string& installedFolder) {
   std::error_code error;
   const auto folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();

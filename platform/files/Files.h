@@ -55,6 +55,11 @@ void replacePrivate(const std::string& path, std::string_view bytes, Durability 
 /// there becomes so. Returns what went wrong, in the system's words; empty if nothing did.
 std::string makePrivateFolder(const std::string& path);
 
+/// Where a session has no folder for what lasts as long as it does (XDG_RUNTIME_DIR), makes one in
+/// memory for this process and those that it starts. Without one WebKit uses the disk, and ends the
+/// program when that is full. To be called before there are threads.
+void ensureRuntimeFolder();
+
 /// The path of something that belongs to this program: beside it, as in the folder that it was
 /// built in, or else in the folder of an installation, which is given as seen from the program's
 /// own.

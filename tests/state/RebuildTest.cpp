@@ -359,6 +359,7 @@ TEST_F(RealRebuildTest, KeepsAListFromAServerUpToDate) {
       {{.hangs = true}, 2, "Socket I/O timed out"},
       {{.raw = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n##.cut\n"}, 2, "Connection"},
       {{"<!doctype html><title>Sign in</title>"}, 2, "The answer is a web page"},
+      {{.status = 204}, 2, "The server has no list to send"},
       {{""}, 0, ""},
   };
   for (const auto& [answer, rules, error] : cases) {

@@ -41,8 +41,8 @@ TEST_F(StateFileTest, NeverOverwritesWhatItCannotRead) {
   const std::string elsewhere = base.path() + "/elsewhere";
   // What stands in the file's place, and what is said of it.
   const std::pair<std::function<void()>, std::string> cases[] = {
-      {[this] { write("{\"lists\":[]"); }, "not what Tamsel writes"},
-      {[this] { write(""); }, "not what Tamsel writes"},
+      {[this] { write("{\"lists\":[]"); }, "damaged"},
+      {[this] { write(""); }, "damaged"},
       {[this] {
          write("");
          fs::resize_file(path, StateFile::maxLength + 1);
@@ -58,7 +58,7 @@ TEST_F(StateFileTest, NeverOverwritesWhatItCannotRead) {
          std::ofstream(elsewhere) << "[]";
          fs::create_symlink(elsewhere, path);
        },
-       "not what"},
+       "damaged"},
       {[this] { fs::create_symlink("/dev/zero", path); }, "no file"},
       {[this] { fs::create_symlink(path, path); }, "symbolic links"},
       {[this] { fs::create_symlink("/missing/state.json", path); }, "No such file"},
