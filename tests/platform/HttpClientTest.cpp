@@ -13,7 +13,9 @@
 #include <vector>
 
 #include "platform/http/Address.h"
+#include "platform/http/ChunkedBody.h"
 #include "platform/http/SoupHttpClient.h"
+#include "tests/support/ExactCopy.h"
 #include "tests/support/RunUntil.h"
 #include "tests/support/SiteServer.h"
 #include "tests/support/TemporaryFolder.h"
@@ -383,6 +385,19 @@ TEST_F(HttpClientTest, TakesOnlyWholeAnswers) {
     }
     serve({{"/x", {.raw = raw}}});
     EXPECT_EQ(finish(get("/x")).body, list) << raw;
+  }
+}
+
+TEST(ChunkedBody, ComesInAnyPieces) {
+  const std::string body = "00f ;x=y\r\n" + list + "\r\n1\n!\n000\r\nX: y\r\n\r\n";
+  for (std::size_t size = 1; size <= body.size(); ++size) {
+    ChunkedBody chunks;
+    for (std::size_t at = 0; at < body.size(); at += size) {
+      EXPECT_FALSE(chunks.isComplete()) << size << ' ' << at;
+      chunks.append(test::ExactCopy(body.substr(at, size)));
+    }
+    EXPECT_TRUE(chunks.isComplete()) << size;
+    EXPECT_EQ(chunks.takeContent(), list + '!') << size;
   }
 }
 
