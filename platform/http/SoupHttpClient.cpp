@@ -159,7 +159,7 @@ Task<Encoded> receive(SoupSession* session, SoupMessage* message,
               soup_session_send_finish(SOUP_SESSION(source), result, error));
         });
     const GObjectPtr<GInputStream> stream = co_await sending;
-    transfer.isAnswered();
+    transfer.onAnswer();
 
     const unsigned status = soup_message_get_status(message);
     if (status == SOUP_STATUS_PARTIAL_CONTENT) {

@@ -30,13 +30,15 @@ class Transfer {
         [this, begin = std::move(begin)](GCancellable* cancellable, GAsyncReadyCallback callback,
                                          gpointer data) {
           current_.reset(G_CANCELLABLE(g_object_ref(cancellable)));
+          // What was waited for when it was given up may have been there already.
+          if (!whyGivenUp_.empty()) g_cancellable_cancel(cancellable);
           begin(cancellable, callback, data);
         },
         std::move(finish));
   }
 
   /// From now on what comes is the body of the answer itself.
-  void isAnswered() { isAnswered_ = true; }
+  void onAnswer() { isAnswered_ = true; }
 
   /// Why it was given up, in a sentence; empty if it was not.
   const std::string& whyGivenUp() const { return whyGivenUp_; }

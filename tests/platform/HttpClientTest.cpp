@@ -13,7 +13,9 @@
 #include <vector>
 
 #include "platform/http/Address.h"
+#include "platform/http/ChunkedBody.h"
 #include "platform/http/SoupHttpClient.h"
+#include "tests/support/ExactCopy.h"
 #include "tests/support/RunUntil.h"
 #include "tests/support/SiteServer.h"
 #include "tests/support/TemporaryFolder.h"
@@ -386,6 +388,19 @@ TEST_F(HttpClientTest, TakesOnlyWholeAnswers) {
   }
 }
 
+TEST(ChunkedBody, ComesInAnyPieces) {
+  const std::string body = "00f ;x=y\r\n" + list + "\r\n1\n!\n000\r\nX: y\r\n\r\n";
+  for (std::size_t size = 1; size <= body.size(); ++size) {
+    ChunkedBody chunks;
+    for (std::size_t at = 0; at < body.size(); at += size) {
+      EXPECT_FALSE(chunks.isComplete()) << size << ' ' << at;
+      chunks.append(test::ExactCopy(body.substr(at, size)));
+    }
+    EXPECT_TRUE(chunks.isComplete()) << size;
+    EXPECT_EQ(chunks.takeContent(), list + '!') << size;
+  }
+}
+
 TEST_F(HttpClientTest, SaysWhyThereIsNoAnswer) {
   serve({{"/mute", {.raw = "", .hangs = true}},
          {"/chunk", {.raw = chunked("9\r\nhalf"), .hangs = true}}});
@@ -427,6 +442,7 @@ ZWQgQk5FIuUJSbnohAHGwRo=
 TEST_F(HttpClientTest, ReadsEncryptedAnswersToTheirEnd) {
   GTlsCertificate* certificate = g_tls_certificate_new_from_pem(keyAndCertificate, -1, nullptr);
   ASSERT_NE(certificate, nullptr);
+  g_setenv("SOUP_SERVER_HTTP2", "offered", 1);
   test::SiteServer encrypted(certificate);
   const auto answerOf = [&](const Answer& answer) {
     encrypted.pages[encrypted.url() + "/x"] = answer;
@@ -441,7 +457,7 @@ TEST_F(HttpClientTest, ReadsEncryptedAnswersToTheirEnd) {
   g_tls_backend_set_default_database(g_tls_backend_get_default(), trusted);
   client.emplace();
   EXPECT_EQ(answerOf({list}), "status 200");
-  EXPECT_EQ(encrypted.version, SOUP_HTTP_1_1);
+  ASSERT_EQ(encrypted.version, SOUP_HTTP_1_1);
   EXPECT_EQ(answerOf({.raw = ok("", list)}), "status 200");
   EXPECT_EQ(answerOf({.raw = sized(list), .closesWithoutWord = true}), "status 200");
   for (const std::string& raw :
