@@ -38,8 +38,8 @@ void DocumentCollector::KeySet::grow() {
   }
 }
 
-DocumentCollector::DocumentCollector(std::function<void(std::string_view)> write)
-    : write_(std::move(write)) {}
+DocumentCollector::DocumentCollector(std::function<void(std::string_view)> write, DocumentForm form)
+    : write_(std::move(write)), encoder_(form) {}
 
 void DocumentCollector::flush() {
   for (const HashedRule& made : batch_) {
@@ -111,6 +111,10 @@ void DocumentCollector::finish() {
       emit(piece);
       piece = ByteBuffer();
     }
+  }
+  if (isOpen_) {
+    encoder_.addEnd();
+    out_.append(encoder_.written());
   }
   out_.append(isOpen_ ? "]" : "[]");
   write_(out_);

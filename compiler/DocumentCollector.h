@@ -22,7 +22,7 @@ namespace tamsel::FilterCompiler {
 class DocumentCollector {
  public:
   /// `write` takes the document piece by piece.
-  explicit DocumentCollector(std::function<void(std::string_view)> write);
+  DocumentCollector(std::function<void(std::string_view)> write, DocumentForm form);
 
   /// New rules go here; after each line `afterLine`, and at the end `finish`.
   std::vector<HashedRule>& batch() { return batch_; }

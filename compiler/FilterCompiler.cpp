@@ -167,9 +167,10 @@ ParseOutput parse(std::span<const Input> inputs, std::size_t ruleLimit) {
 }
 
 DocumentReport compileDocument(std::span<const Input> inputs,
-                               const std::function<void(std::string_view)>& write) {
+                               const std::function<void(std::string_view)>& write,
+                               DocumentForm form) {
   DocumentReport report;
-  DocumentCollector collector(write);
+  DocumentCollector collector(write, form);
   compileLines(inputs, collector, report.skipped,
                [&](const Uuid& id) -> std::size_t& { return collector.stats()[id].skipped; });
   collector.finish();

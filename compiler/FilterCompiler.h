@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "compiler/DocumentForm.h"
 #include "compiler/RuleModel.h"
 
 /// Turns filter-list text (EasyList / uBlock Origin syntax) into content-blocker rules.
@@ -63,7 +64,8 @@ struct DocumentReport {
 /// piece, to the byte what RuleDocument::encode makes of them. The rules are not kept, so that
 /// large lists take a fraction of the memory. Throws what `write` throws, and std::bad_alloc.
 DocumentReport compileDocument(std::span<const Input> inputs,
-                               const std::function<void(std::string_view)>& write);
+                               const std::function<void(std::string_view)>& write,
+                               DocumentForm form = DocumentForm::plain);
 
 /// Compiles one line, without its line break, of the list `id` named `name`.
 LineResult parseLine(std::string_view line, const Uuid& id, const Text& name);

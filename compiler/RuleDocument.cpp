@@ -10,16 +10,17 @@ namespace tamsel::RuleDocument {
 namespace {
 
 template <class Rules, class Projection>
-ByteBuffer encodeAll(const Rules& rules, Projection wkRule) {
+ByteBuffer encodeAll(const Rules& rules, DocumentForm form, Projection wkRule) {
   try {
     if (rules.empty()) return ByteBuffer("[]");
     constexpr std::size_t bytesPerRule = 200;  // as far as can be told
-    RuleEncoder encoder;
+    RuleEncoder encoder(form);
     encoder.reserve(rules.size() * bytesPerRule);
     for (const auto& rule : rules) {
       encoder.append(encoder.written().empty() ? "[" : ",");
       encoder.add(wkRule(rule));
     }
+    encoder.addEnd();
     encoder.append("]");
     return std::move(encoder).take();
   } catch (const std::bad_alloc&) {
@@ -127,28 +128,13 @@ class RuleReader {
 
 }  // namespace
 
-ByteBuffer encode(std::span<const SourcedRule> rules) {
-  return encodeAll(rules, [](const SourcedRule& rule) -> const WKRule& { return rule.rule; });
+ByteBuffer encode(std::span<const SourcedRule> rules, DocumentForm form) {
+  return encodeAll(rules, form, [](const SourcedRule& rule) -> const WKRule& { return rule.rule; });
 }
 
 ByteBuffer encode(std::span<const WKRule> rules) {
-  return encodeAll(rules, [](const WKRule& rule) -> const WKRule& { return rule; });
-}
-
-void encode(std::span<const SourcedRule> rules,
-            const std::function<void(std::string_view)>& write) {
-  constexpr std::size_t pieceSize = std::size_t{1} << 18;  // stays in the processor's cache
-  RuleEncoder encoder;
-  if (rules.empty()) encoder.append("[");
-  for (const SourcedRule& rule : rules) {
-    encoder.append(&rule == rules.data() ? "[" : ",");
-    encoder.add(rule.rule);
-    if (encoder.written().size() < pieceSize) continue;
-    write(encoder.written());
-    encoder.clear();
-  }
-  encoder.append("]");
-  write(encoder.written());
+  return encodeAll(rules, DocumentForm::plain,
+                   [](const WKRule& rule) -> const WKRule& { return rule; });
 }
 
 std::vector<WKRule> decode(std::string_view document) {

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <functional>
 #include <span>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
 
 #include "compiler/ByteBuffer.h"
+#include "compiler/DocumentForm.h"
 #include "compiler/RuleModel.h"
 
 /// The WebKit content-blocker document: one JSON array of rules.
@@ -21,12 +21,8 @@ class DecodeError : public std::runtime_error {
 /// Writes the rules in the order given: member names sorted, "/" not escaped, no white space,
 /// absent fields left out. The result is valid UTF-8 whatever the rules hold. Should memory run
 /// out it is the empty array "[]".
-ByteBuffer encode(std::span<const SourcedRule> rules);
+ByteBuffer encode(std::span<const SourcedRule> rules, DocumentForm form = DocumentForm::plain);
 ByteBuffer encode(std::span<const WKRule> rules);
-
-/// Hands the same document to `write` piece by piece, for when it is not needed as a whole. Throws
-/// what `write` throws, and std::bad_alloc.
-void encode(std::span<const SourcedRule> rules, const std::function<void(std::string_view)>& write);
 
 /// Reads a document as `encode` writes it, in any member order and spacing; unknown members are
 /// ignored and of a repeated one the last counts. Throws DecodeError, which names the rule.

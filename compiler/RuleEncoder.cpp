@@ -97,22 +97,16 @@ void RuleEncoder::add(const WKRule& rule) {
   append(R"("type":")");
   appendEscaped(rule.action.type);
   append(R"("},"trigger":{)");
-  if (rule.trigger.ifDomain) {
-    append(R"("if-domain":)");
-    appendList(*rule.trigger.ifDomain);
-    append(",");
-  }
+  if (rule.trigger.ifDomain) appendConditions("if-domain", "if-top-url", *rule.trigger.ifDomain);
   if (rule.trigger.loadType) appendShared(loadTypes_, R"("load-type":)", *rule.trigger.loadType);
   if (rule.trigger.resourceType) {
     appendShared(resourceTypes_, R"("resource-type":)", *rule.trigger.resourceType);
   }
   if (rule.trigger.unlessDomain) {
-    append(R"("unless-domain":)");
-    appendList(*rule.trigger.unlessDomain);
-    append(",");
+    appendConditions("unless-domain", "unless-top-url", *rule.trigger.unlessDomain);
   }
   append(R"("url-filter":")");
-  appendUrlFilter(rule.trigger.urlFilter);
+  appendUrlFilter(rule.trigger.urlFilter, rule.action.type == "ignore-previous-rules");
   append("\"");
   if (rule.trigger.caseSensitive) {
     append(*rule.trigger.caseSensitive ? R"(,"url-filter-is-case-sensitive":true)"
@@ -126,14 +120,44 @@ void RuleEncoder::appendEscaped(std::string_view text) {
   buffer_.commit(static_cast<std::size_t>(writeEscaped(begin, text) - begin));
 }
 
-void RuleEncoder::appendUrlFilter(const Text& filter) {
+void RuleEncoder::addEnd() {
+  if (form_ == DocumentForm::plain) return;
+  for (const Hardening::GuardRule& rule : Hardening::guard) {
+    append(R"(,{"action":{"type":"block"},"trigger":{"load-type":["third-party"],"url-filter":")");
+    appendEscaped(rule.urlFilter);
+    append("\"}}");
+  }
+}
+
+void RuleEncoder::appendConditions(std::string_view plainName, std::string_view hardenedName,
+                                   const TextList& domains) {
+  append("\"");
+  append(form_ == DocumentForm::plain ? plainName : hardenedName);
+  append("\":");
+  if (form_ == DocumentForm::plain) {
+    appendList(domains);
+  } else {
+    std::string_view separator = "[\"";
+    for (const std::string_view domain : domains) {
+      append(separator);
+      appendEscaped(Hardening::pageCondition(domain));
+      separator = "\",\"";
+    }
+    append(domains.empty() ? "[]" : "\"]");
+  }
+  append(",");
+}
+
+void RuleEncoder::appendUrlFilter(const Text& filter, bool isException) {
   const std::size_t begin = buffer_.size();
   if (lastFilter_ != nullptr && lastFilter_->sharesStorageWith(filter)) {
     char* to = buffer_.reserve(lastFilterLength_);
     std::memcpy(to, buffer_.view().data() + lastFilterBegin_, lastFilterLength_);
     buffer_.commit(lastFilterLength_);
-  } else {
+  } else if (form_ == DocumentForm::plain) {
     appendEscaped(filter);
+  } else {
+    appendEscaped(Hardening::urlFilter(filter, isException));
   }
   lastFilter_ = &filter;
   lastFilterBegin_ = begin;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "compiler/ByteBuffer.h"
+#include "compiler/DocumentForm.h"
 #include "compiler/RuleModel.h"
 
 namespace tamsel::RuleDocument {
@@ -16,11 +17,16 @@ namespace tamsel::RuleDocument {
 /// again.
 class RuleEncoder {
  public:
+  explicit RuleEncoder(DocumentForm form = DocumentForm::plain) : form_(form) {}
+
   /// Makes room for so many bytes more.
   void reserve(std::size_t bytes) { (void)buffer_.reserve(bytes); }
 
   /// The rule must stay where it is until the next is added, or all is cleared.
   void add(const WKRule& rule);
+
+  /// Writes what stands behind the last rule of a document of this form, if it has rules.
+  void addEnd();
 
   void append(std::string_view text) { buffer_.append(text); }
 
@@ -41,7 +47,9 @@ class RuleEncoder {
   };
 
   void appendEscaped(std::string_view text);
-  void appendUrlFilter(const Text& filter);
+  void appendUrlFilter(const Text& filter, bool isException);
+  void appendConditions(std::string_view plainName, std::string_view hardenedName,
+                        const TextList& domains);
   void appendList(const TextList& list);
   void appendShared(std::vector<Written>& written, std::string_view name, const TextList& list);
 
@@ -49,6 +57,7 @@ class RuleEncoder {
   // writing them.
   static constexpr std::size_t maxWritten = 16;
 
+  DocumentForm form_;
   ByteBuffer buffer_;
   std::vector<Written> loadTypes_;
   std::vector<Written> resourceTypes_;

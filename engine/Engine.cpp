@@ -5,6 +5,7 @@
 #include <string>
 
 #include "compiler/Unicode.h"
+#include "engine/HostGuard.h"
 #include "engine/RuleMatcher.h"
 #include "engine/Site.h"
 #include "engine/UrlHost.h"
@@ -66,32 +67,46 @@ std::optional<SourcedRule> copied(const SourcedRule* rule) {
 }  // namespace
 
 struct Engine::State {
-  explicit State(SourcedRules all)
-      : rules(networkRules(std::move(all))),
-        blocks(ofKind(rules, RuleKind::block)),
-        exceptions(ofKind(rules, RuleKind::exception)) {}
+  State(SourcedRules all, DocumentForm ofDocument)
+      : form(ofDocument),
+        isGuarded(ofDocument == DocumentForm::hardened && !all.empty()),
+        rules(networkRules(std::move(all))),
+        blocks(ofKind(rules, RuleKind::block), ofDocument),
+        exceptions(ofKind(rules, RuleKind::exception), ofDocument) {}
 
+  const DocumentForm form;
+  // Without rules there is no document, and no guard in it.
+  const bool isGuarded;
   const SourcedRules rules;
   const RuleMatcher blocks;
   const RuleMatcher exceptions;
 };
 
-Engine::Engine(SourcedRules rules) : state_(std::make_unique<const State>(std::move(rules))) {}
+Engine::Engine(SourcedRules rules, DocumentForm form)
+    : state_(std::make_unique<const State>(std::move(rules), form)) {}
 
 Engine::~Engine() = default;
 
 Engine::Verdict Engine::evaluate(std::string_view url, std::optional<std::string_view> pageURL,
                                  std::string_view type) const {
+  const bool isHardened = state_->form == DocumentForm::hardened;
   const LowerHost pageHost(pageURL);
   const LowerHost requestHost(url);
   Verdict verdict;
   verdict.thirdParty =
       pageHost && requestHost && !Site::isSame(pageHost.view(), requestHost.view());
 
-  const UrlText text(url);
+  if (state_->isGuarded && verdict.thirdParty) {
+    verdict.block = HostGuard::ruleAgainst(url);
+    if (verdict.block) return verdict;
+  }
+
+  const UrlText text(url, state_->form);
+  std::string_view page = pageHost.view();
+  if (isHardened && page.ends_with('.')) page.remove_suffix(1);
   Budget budget;
-  MatchRequest request{text, pageHost ? std::optional(PageHost(pageHost.view())) : std::nullopt,
-                       type, verdict.thirdParty, budget};
+  MatchRequest request{text, pageHost ? std::optional(PageHost(page)) : std::nullopt, type,
+                       verdict.thirdParty, budget};
   const SourcedRule* block = state_->blocks.firstMatch(request);
   const SourcedRule* exception =
       block == nullptr ? nullptr : state_->exceptions.firstMatch(request);

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "compiler/DocumentForm.h"
 #include "compiler/RuleModel.h"
 
 namespace tamsel {
@@ -28,8 +29,10 @@ class Engine {
     bool operator==(const Verdict&) const = default;
   };
 
-  /// Element-hiding rules are left out. A rule whose expression is invalid never matches.
-  explicit Engine(SourcedRules rules);
+  /// Element-hiding rules are left out. A rule whose expression is invalid never matches. `form` is
+  /// that of the document by which the rules act; with a hardened one, the rules behind all others
+  /// answer first, as rules of the list "Tamsel".
+  explicit Engine(SourcedRules rules, DocumentForm form = DocumentForm::plain);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;

@@ -48,7 +48,8 @@ std::string_view RuleMatcher::CodeStore::add(std::string_view code) {
   return stored;
 }
 
-RuleMatcher::RuleMatcher(std::span<const SourcedRule> rules) : rules_(rules) {
+RuleMatcher::RuleMatcher(std::span<const SourcedRule> rules, DocumentForm form)
+    : rules_(rules), form_(form) {
   addRules();
   shareExpressions();
   expressions_ = std::make_unique<Expressions>(groups_.size());
@@ -71,7 +72,10 @@ void RuleMatcher::addRules() {
                            last->urlFilter.sharesStorageWith(trigger.urlFilter) &&
                            last->caseSensitive.value_or(false) == caseSensitive;
     if (!continues) {
-      UrlProgram program = UrlProgram::compile(trigger.urlFilter, caseSensitive, code);
+      const bool isHardenedException =
+          form_ == DocumentForm::hardened && rules_[i].kind == RuleKind::exception;
+      UrlProgram program =
+          UrlProgram::compile(trigger.urlFilter, caseSensitive, isHardenedException, code);
       program.setCode(code_.add(code));
       groups_.push_back({program, static_cast<std::uint32_t>(i), 0, 0});
     }
@@ -99,8 +103,7 @@ void RuleMatcher::compileExpressions() {
   std::int64_t left = 300'000'000;  // nanoseconds
   for (std::size_t i = 0; i < groups_.size() && left > 0; ++i) {
     if (groups_[i].program.exact || sharedExpressions_[i] != i) continue;
-    const Text& filter = rules_[groups_[i].firstRule].rule.trigger.urlFilter;
-    left -= expressions_->compileAhead(i, filter, groups_[i].program.caseSensitive);
+    left -= expressions_->compileAhead(i, filterOf(i), groups_[i].program.caseSensitive);
   }
 }
 
@@ -130,6 +133,15 @@ RuleMatcher::TypeSet RuleMatcher::typesOf(const Maybe<TextList>& names) {
   return types;
 }
 
+// What ICU is given.
+std::string RuleMatcher::filterOf(std::size_t group) const {
+  const SourcedRule& rule = rules_[groups_[group].firstRule];
+  const Text& filter = rule.rule.trigger.urlFilter;
+  return form_ == DocumentForm::plain
+             ? filter.string()
+             : Hardening::urlFilter(filter, rule.kind == RuleKind::exception);
+}
+
 bool RuleMatcher::conditionsHold(std::size_t rule, const MatchRequest& request,
                                  TypeSet type) const {
   const Conditions& conditions = conditions_[rule];
@@ -155,7 +167,7 @@ bool RuleMatcher::expressionMatches(std::size_t group, MatchRequest& request) co
   const WKRule::Trigger& trigger = rules_[groups_[group].firstRule].rule.trigger;
   const auto shared = sharedExpressions_.find(group);
   return expressions_->matches(shared == sharedExpressions_.end() ? group : shared->second,
-                               trigger.urlFilter, trigger.caseSensitive.value_or(false),
+                               filterOf(group), trigger.caseSensitive.value_or(false),
                                request.expressionSubject, request.budget);
 }
 

@@ -36,7 +36,7 @@ struct MatchRequest {
 class RuleMatcher {
  public:
   /// Refers to the rules, which must stay where they are.
-  explicit RuleMatcher(std::span<const SourcedRule> rules);
+  RuleMatcher(std::span<const SourcedRule> rules, DocumentForm form);
 
   /// The first rule, in the order given, that the request matches; null when none does.
   const SourcedRule* firstMatch(MatchRequest& request) const;
@@ -83,6 +83,7 @@ class RuleMatcher {
   void shareExpressions();
   void compileExpressions();
   Conditions conditionsOf(const SourcedRule& rule);
+  std::string filterOf(std::size_t group) const;
   bool conditionsHold(std::size_t rule, const MatchRequest& request, TypeSet type) const;
   bool expressionMatches(std::size_t group, MatchRequest& request) const;
   const SourcedRule* firstMatchBeyondAscii(MatchRequest& request) const;
@@ -91,6 +92,7 @@ class RuleMatcher {
   static TypeSet typeOf(std::string_view name) noexcept;
 
   std::span<const SourcedRule> rules_;
+  DocumentForm form_;
   LargeVector<Conditions> conditions_;  // by rule
   LargeVector<Group> groups_;
   // By group, for those without an exact program: the first group with the same expression.

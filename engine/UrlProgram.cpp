@@ -161,6 +161,24 @@ std::optional<UrlProgram> compileExact(std::string_view expression, bool caseSen
   return program;
 }
 
+// Whether the code is the text of a host and a separator.
+bool isHostAndSeparator(std::string_view code) {
+  if (code.size() < 2 || code.back() != UrlProgram::separator) return false;
+  code.remove_suffix(1);
+  return std::all_of(code.begin(), code.end(),
+                     [](char c) { return c != '%' && isRunCharacter(c); });
+}
+
+// Whether the host, at whose end `position` is, is followed by a port or nothing and by "/".
+bool hostEndsAt(std::string_view text, std::size_t position) noexcept {
+  if (position < text.size() && text[position] == ':') {
+    const std::size_t port = ++position;
+    while (position < text.size() && text[position] >= '0' && text[position] <= '9') ++position;
+    if (position == port) return false;
+  }
+  return position < text.size() && text[position] == '/';
+}
+
 // Whether an expression has something that makes it uncertain what a match must contain:
 // alternatives, groups with flags or conditions, quotations, classes that begin with a bracket.
 bool isUncertain(std::string_view expression) {
@@ -218,10 +236,13 @@ void writeRequiredTexts(std::string_view expression, std::string& texts) {
 
 }  // namespace
 
-UrlProgram UrlProgram::compile(std::string_view expression, bool caseSensitive, std::string& code) {
+UrlProgram UrlProgram::compile(std::string_view expression, bool caseSensitive,
+                               bool isHardenedException, std::string& code) {
   UrlProgram program;
   if (const auto exact = compileExact(expression, caseSensitive, code)) {
     program = *exact;
+    program.endsHost = isHardenedException && program.anchor == Anchor::host &&
+                       !program.endAnchor && isHostAndSeparator(code);
   } else {
     writeRequiredTexts(expression, code);
     program.caseSensitive = caseSensitive;
@@ -243,6 +264,10 @@ bool UrlProgram::matchesAt(const UrlText& url, std::size_t position,
   const std::size_t end =
       singlePiece ? code().size() : std::min(code().find(wildcard), code().size());
   if (position > text.size() || text.size() - position < end) return false;
+  if (endsHost) {
+    return pieceMatches(code().substr(0, end - 1), text.data() + position) &&
+           hostEndsAt(text, position + end - 1);
+  }
   if (!pieceMatches(code().substr(0, end), text.data() + position)) return false;
   position += end;
   if (end == code().size()) return !endAnchor || position == text.size();

@@ -43,12 +43,16 @@ struct UrlProgram {
   bool caseSensitive : 1 = false;
   /// The code has no wildcard, so whatever it matches has its length.
   bool singlePiece : 1 = true;
+  /// The last separator of the code stands for the end of the host: a port or nothing, and "/".
+  bool endsHost : 1 = false;
   /// False for an approximate program: its code are texts in lower case, separated by wildcards,
   /// and only an expression engine can tell the rest.
   bool exact : 1 = true;
 
-  /// Translates an expression, writing the code over `code`, which the result refers to.
-  static UrlProgram compile(std::string_view expression, bool caseSensitive, std::string& code);
+  /// Translates a plain expression, writing the code over `code`, which the result refers to.
+  /// `isHardenedException`: as Hardening::urlFilter has it for exceptions.
+  static UrlProgram compile(std::string_view expression, bool caseSensitive,
+                            bool isHardenedException, std::string& code);
 
   /// Refers to other code of fewer than 2^32 characters from now on.
   void setCode(std::string_view code) noexcept {

@@ -7,7 +7,8 @@
 
 namespace tamsel {
 
-UrlText::UrlText(std::string_view url) : original_(url) {
+UrlText::UrlText(std::string_view url, DocumentForm form)
+    : original_(url), isHardened_(form == DocumentForm::hardened) {
   if (url.size() + padding > buffer_.size()) {
     longBuffer_ = std::make_unique_for_overwrite<char[]>(url.size() + padding);
     lower_ = longBuffer_.get();

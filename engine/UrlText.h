@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "compiler/DocumentForm.h"
+
 namespace tamsel {
 
 /// Characters that the separator class of converted patterns does not match: those that a run, a
@@ -50,7 +52,8 @@ class SuffixHash {
 /// A request URL, prepared once for all the expressions that it is held against.
 class UrlText {
  public:
-  explicit UrlText(std::string_view url);
+  /// Hardened expressions have more host starts.
+  explicit UrlText(std::string_view url, DocumentForm form = DocumentForm::plain);
   UrlText(const UrlText&) = delete;
   UrlText& operator=(const UrlText&) = delete;
 
@@ -63,12 +66,13 @@ class UrlText {
   bool isPrintableAscii() const noexcept { return printable_; }
 
   /// Where the text behind a host anchor ("||") may begin: behind the scheme's colon, behind "//",
-  /// and behind each dot up to the next slash.
+  /// and behind each dot up to the next slash; when hardened, behind each "@" there as well.
   ///
   ///     https://a.b.example/c.d     at "//a", "a.b", "b.example" and "example"; not at "d"
   bool isHostStart(std::size_t position) const noexcept {
     if (position == afterColon_ || position == hostBegin_) return true;
-    return position > hostBegin_ + 1 && position <= hostEnd_ && original_[position - 1] == '.';
+    return position > hostBegin_ + 1 && position <= hostEnd_ &&
+           startsAfter(original_[position - 1]);
   }
 
   /// Calls `visit` with every host start in ascending order until it returns true. Returns whether
@@ -79,7 +83,7 @@ class UrlText {
     if (afterColon_ != hostBegin_ && visit(afterColon_)) return true;
     if (visit(hostBegin_)) return true;
     for (std::size_t i = hostBegin_ + 1; i < hostEnd_; ++i) {
-      if (original_[i] == '.' && visit(i + 1)) return true;
+      if (startsAfter(original_[i]) && visit(i + 1)) return true;
     }
     return false;
   }
@@ -97,7 +101,9 @@ class UrlText {
         continue;
       }
       hash.prepend(c);
-      if (i == hostBegin_ || (i > hostBegin_ + 1 && lower_[i - 1] == '.')) visit(i, hash.value());
+      if (i == hostBegin_ || (i > hostBegin_ + 1 && startsAfter(lower_[i - 1]))) {
+        visit(i, hash.value());
+      }
     }
   }
 
@@ -105,8 +111,10 @@ class UrlText {
   static constexpr std::size_t nowhere = static_cast<std::size_t>(-2);
 
   void findHost() noexcept;
+  bool startsAfter(char c) const noexcept { return c == '.' || (c == '@' && isHardened_); }
 
   std::string_view original_;
+  bool isHardened_;
   std::array<char, 1024> buffer_;  // holds the lower case of all but extreme URLs
   std::unique_ptr<char[]> longBuffer_;
   char* lower_ = buffer_.data();

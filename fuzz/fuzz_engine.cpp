@@ -49,8 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const ParseOutput output = FilterCompiler::parse({&list, 1});
   if (mayExplode(output)) return 0;
 
-  const Engine engine{SourcedRules(output.rules)};
-  test::PlainScan plain(output.rules);
+  const auto form = size % 2 == 0 ? DocumentForm::plain : DocumentForm::hardened;
+  const Engine engine(SourcedRules(output.rules), form);
+  test::PlainScan plain(output.rules, form);
   for (std::string_view type : {"image", "script", "document"}) {
     for (const auto& from :
          {std::optional<std::string_view>(page), std::optional<std::string_view>()}) {

@@ -66,8 +66,10 @@ struct Encoded {
   std::shared_ptr<const ByteBuffer> document;
 };
 
+// What WebKit is given.
 Encoded encode(SourcedRules rules) {
-  auto document = std::make_shared<const ByteBuffer>(RuleDocument::encode(rules));
+  auto document =
+      std::make_shared<const ByteBuffer>(RuleDocument::encode(rules, DocumentForm::hardened));
   return {std::move(rules), std::move(document)};
 }
 
@@ -86,12 +88,15 @@ Shortened without(SourcedRules rules, std::size_t index) {
 struct Counted {
   std::map<Uuid, ListStats> stats;
   std::size_t total = 0;
+  // Plain, for export.
+  std::shared_ptr<const ByteBuffer> document;
   std::shared_ptr<const Engine> engine;
 };
 
 Counted countAndMatch(SourcedRules rules, const std::map<Uuid, std::size_t>& skippedCounts) {
-  Counted counted{count(rules, skippedCounts), rules.size(), nullptr};
-  counted.engine = std::make_shared<const Engine>(std::move(rules));
+  Counted counted{count(rules, skippedCounts), rules.size(), nullptr, nullptr};
+  counted.document = std::make_shared<const ByteBuffer>(RuleDocument::encode(rules));
+  counted.engine = std::make_shared<const Engine>(std::move(rules), DocumentForm::hardened);
   return counted;
 }
 
@@ -114,7 +119,8 @@ struct AppState::Rebuild {
   FreedOnWorker<SourcedRules> rules;
   FreedOnWorker<std::vector<SkippedRule>> skipped;
   std::map<Uuid, std::size_t> skippedCounts;
-  std::shared_ptr<const ByteBuffer> document = emptyDocument();
+  // Hardened; as long as it is being compiled.
+  std::shared_ptr<const ByteBuffer> document;
   std::shared_ptr<const RuleList> compiled;
   bool failed = false;
   Counted result;
@@ -153,6 +159,7 @@ Task<void> AppState::performRebuild(CompileQueue::Turn turn) {
     if (!rebuild.rules.value.empty()) {
       auto compiling = compile(rebuild);
       co_await compiling;
+      freeOnWorker(std::move(rebuild.document));
       if (turn.isSuperseded()) co_return;
     }
 
@@ -220,9 +227,10 @@ Task<void> AppState::compile(Rebuild& rebuild) {
 }
 
 void AppState::publish(Rebuild& rebuild) {
-  if (rebuild.failed) rebuild.document = emptyDocument();
+  std::shared_ptr<const ByteBuffer> document =
+      rebuild.failed ? emptyDocument() : std::move(rebuild.result.document);
   freeOnWorker(std::exchange(engine_, std::move(rebuild.result.engine)));
-  freeOnWorker(std::exchange(exportData_, std::move(rebuild.document)));
+  freeOnWorker(std::exchange(exportData_, std::move(document)));
   freeOnWorker(skipped.exchange(std::move(rebuild.skipped.value)));
   stats = std::move(rebuild.result.stats);
   totalRules = rebuild.result.total;

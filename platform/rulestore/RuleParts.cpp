@@ -180,9 +180,11 @@ void RuleParts::divide() {
     while (first < count() && rules_[first].kind == kind) ++first;
     return first;
   };
-  std::size_t bodyEnd = count();
-  while (bodyEnd > 0 && rules_[bodyEnd - 1].kind == Kind::hide) --bodyEnd;
   const std::size_t blocksEnd = endOf(0, Kind::block);
+  std::size_t tail = count();
+  while (tail > blocksEnd && rules_[tail - 1].kind == Kind::block) --tail;
+  std::size_t bodyEnd = tail;
+  while (bodyEnd > blocksEnd && rules_[bodyEnd - 1].kind == Kind::hide) --bodyEnd;
   const Range exceptions{blocksEnd, bodyEnd};
   const std::size_t exceptionCount = bodyEnd - blocksEnd;
 
@@ -212,7 +214,8 @@ void RuleParts::divide() {
   } else if (bodyEnd > 0) {
     parts_.push_back({{0, bodyEnd}});
   }
-  divideRange({bodyEnd, count()}, leastInDivision, mostInDivision, std::nullopt);
+  divideRange({bodyEnd, tail}, leastInDivision, mostInDivision, std::nullopt);
+  if (tail < count()) parts_.back().push_back({tail, count()});
 }
 
 void RuleParts::refuseSurplus() {

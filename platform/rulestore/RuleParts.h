@@ -56,9 +56,10 @@ class RuleParts {
   /// blocks are followed by exceptions and these by element hiding, as the compiler writes them,
   /// the blocks are divided and each division has all exceptions after it, since an exception acts
   /// on the rules before it in its own document; element hiding at the end, which nothing acts on,
-  /// is divided as well. So there is no end to the rules with conditions that are taken, several
-  /// documents can be compiled at once, and since where the divisions lie depends on the rules
-  /// around, a change in one place leaves most parts as they were.
+  /// is divided as well. Blocks behind all these go with the last part. So there is no end to the
+  /// rules with conditions that are taken, several documents can be compiled at once, and since
+  /// where the divisions lie depends on the rules around, a change in one place leaves most parts
+  /// as they were.
   const std::vector<Part>& parts() const noexcept { return parts_; }
 
   /// The text of a part, in pieces that stay valid as long as this and the document.

@@ -88,14 +88,19 @@ constexpr const char* kinds = R"js(
 )js";
 
 // The document asks in each way for something that is blocked, something that is not there, and
-// something that is, in this order.
-std::string pageOfKinds(const std::string& context, const std::string& more = {}) {
+// something that is, in this order; or for what is in the folders of these names on the sites.
+std::string pageOfKinds(const std::string& context, const std::string& more = {},
+                        const std::string& sites =
+                            "{ blocked: 'http://other.test', "
+                            "missing: 'http://other.test', "
+                            "allowed: 'http://other.test' }") {
   return "<!DOCTYPE html><title>Page</title><body><script>" + std::string(kinds) + R"js(
     for (const [kind, request] of Object.entries(kinds)) {
-      for (const what of ['blocked', 'missing', 'allowed']) {
+      for (const [what, other] of Object.entries()js" +
+         sites + R"js()) {
         try {
           // Of another site: frames of the page's own are not blocked.
-          const site = kind === 'svg-use.svg' ? '' : 'http://other.test';
+          const site = kind === 'svg-use.svg' ? '' : other;
           Promise.resolve(request(`${site}/${what}/)js" +
          context + R"js(/${kind}`)).catch(() => 0);
         } catch {}
@@ -176,6 +181,53 @@ TEST_F(BlockedRequestsTest, OfEveryKindCountOnce) {
   }
   EXPECT_EQ(blocked(), expected);
   EXPECT_THAT(requested("/blocked/"), SizeIs(0));
+}
+
+// Addresses that hide their host do not go out to another site, whatever the lists say.
+TEST_F(BlockedRequestsTest, GuardHidesNoHost) {
+  const std::string sites =
+      "{ dotted: 'http://other.test.', dottedPort: 'http://other.test.:8080', "
+      "named: 'http://x:y@ads.test', allowed: 'http://other.test' }";
+  browser.sites.pages["http://page.test/frame"] = {pageOfKinds("frame", {}, sites)};
+  show(pageOfKinds("page", "<iframe src=/frame></iframe>", sites));
+  runUntil([this] { return requested("/allowed/").size() == 2 * 33 - 1; });
+  browser.settle();
+  std::set<std::string> expected;
+  for (const std::string& url : requested("//other.test/allowed/")) {
+    const std::string rest = url.substr(url.find("/allowed/") + 9);
+    expected.insert("http://other.test./dotted/" + rest);
+    expected.insert("http://other.test.:8080/dottedPort/" + rest);
+  }
+  // What scripts ask for across sites loses its user name before anybody looks.
+  std::set<std::string> dotted = blocked();
+  const std::size_t named = std::erase_if(
+      dotted, [](const std::string& url) { return url.find("/named/") != std::string::npos; });
+  EXPECT_GT(named, 2 * 20);
+  EXPECT_EQ(dotted, expected);
+  for (const char* hidden : {"//other.test./", "/named/"}) {
+    std::set<std::string> found = requested(hidden);
+    std::erase_if(found, [](const std::string& url) {
+      return url.find("/svg-use.svg") != std::string::npos;  // of the page's own site
+    });
+    EXPECT_THAT(found, SizeIs(0));
+  }
+  const auto verdict =
+      browser.app().engine()->evaluate("http://x@other.test/", "http://page.test/", "image");
+  ASSERT_TRUE(verdict.block);
+  EXPECT_EQ(verdict.block->source, "The address hides its host behind a user name.");
+
+  // Not on a paused site, nor in what a person opens.
+  model.setPausedHere(true);
+  browser.awaitPage();
+  browser.sites.requests.clear();
+  evaluate("fetch('http://other.test./x').catch(() => 0)");
+  EXPECT_THAT(requested("//other.test./x"), SizeIs(1));
+  model.setPausedHere(false);
+  browser.awaitPage();
+  for (const std::string url : {"http://x:y@other.test/", "http://other.test./"}) {
+    browser.open(url);
+    EXPECT_EQ(browser.evaluate("document.body.textContent"), "fine") << url;
+  }
 }
 
 // WebKit asks for the address in the end; the page knows only the first.

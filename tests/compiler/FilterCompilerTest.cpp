@@ -466,10 +466,13 @@ TEST(FilterCompiler, MakesTheSameOfListsWhateverIsKept) {
     const Input inputs[] = {{Uuid::random(), "a", texts[0]}, {Uuid::random(), "b", texts[1]}};
     const ParseOutput all = parse(inputs);
 
-    std::string document;
-    const DocumentReport report =
-        compileDocument(inputs, [&document](std::string_view piece) { document += piece; });
-    EXPECT_EQ(document, std::string_view(RuleDocument::encode(all.rules)));
+    DocumentReport report;
+    for (const DocumentForm form : {DocumentForm::plain, DocumentForm::hardened}) {
+      std::string document;
+      report = compileDocument(
+          inputs, [&document](std::string_view piece) { document += piece; }, form);
+      EXPECT_EQ(document, std::string_view(RuleDocument::encode(all.rules, form)));
+    }
     EXPECT_EQ(report.ruleCount, all.rules.size());
     EXPECT_EQ(report.skipped.size(), all.skipped.size());
     std::map<Uuid, ListStats> stats;
@@ -494,6 +497,31 @@ TEST(FilterCompiler, MakesTheSameOfListsWhateverIsKept) {
   std::string nothing;
   (void)compileDocument({}, [&nothing](std::string_view piece) { nothing += piece; });
   EXPECT_EQ(nothing, "[]");
+}
+
+TEST(FilterCompiler, HardensWhatAddressesCouldFake) {
+  const std::string list =
+      "||a.test^$domain=b-c.test|d.test\n@@||a.test^\n@@||a.test/x\n@@||*.a.test^\n/"
+      "a^\n~e.test##.x";
+  const Input input{listID, listName, list};
+  const std::string document(
+      RuleDocument::encode(parse({&input, 1}).rules, DocumentForm::hardened).view());
+  for (const char* part : {
+           R"("if-top-url":["^[^:]+://([^/?#]*[.@])?b-c\\.test\\.?(:[0-9]+)?/",)"
+           R"("^[^:]+://([^/?#]*[.@])?d\\.test\\.?(:[0-9]+)?/"])",
+           R"("unless-top-url":["^[^:]+://([^/?#]*[.@])?e\\.test\\.?(:[0-9]+)?/"])",
+           R"("url-filter":"^[^:]+:(//)?([^/]+[.@])?a\\.test[^a-zA-Z0-9_.%-]")",
+           R"("url-filter":"^[^:]+:(//)?([^/]+[.@])?a\\.test(:[0-9]+)?/")",
+           R"("url-filter":"^[^:]+:(//)?([^/]+[.@])?a\\.test/x")",
+           R"("url-filter":"^[^:]+:(//)?([^/]+[.@])?.*\\.a\\.test[^a-zA-Z0-9_.%-]")",
+           R"("url-filter":"/a[^a-zA-Z0-9_.%-]")",
+           R"({"action":{"type":"block"},"trigger":{"load-type":["third-party"],"url-filter":)"
+           R"("^[^:]+://[^/?#]*@"}},)",
+       }) {
+    EXPECT_NE(document.find(part), std::string::npos) << part << "\n" << document;
+  }
+  EXPECT_EQ(document.find("-domain"), std::string::npos);
+  EXPECT_EQ(RuleDocument::encode(SourcedRules(), DocumentForm::hardened).view(), "[]");
 }
 
 }  // namespace

@@ -41,16 +41,27 @@ struct Request {
   std::string type;
 };
 
-// An engine and the matcher that it must agree with.
+// An engine and the matcher that it must agree with, for each form of documents.
 class Pair {
  public:
-  explicit Pair(const SourcedRules& rules) : engine_(rules), plain_(rules) {}
+  explicit Pair(const SourcedRules& rules)
+      : engine_(rules),
+        plain_(rules),
+        hardened_(rules, DocumentForm::hardened),
+        plainHardened_(rules, DocumentForm::hardened) {}
 
+  // That of the plain form.
   std::string verdict(const Request& request) {
+    (void)verdictOf(hardened_, plainHardened_, request);
+    return verdictOf(engine_, plain_, request);
+  }
+
+ private:
+  static std::string verdictOf(const Engine& engine, PlainScan& plain, const Request& request) {
     const ExactCopy url(request.url), page(request.page.value_or("")), type(request.type);
     const auto pageURL = request.page ? std::optional<std::string_view>(page) : std::nullopt;
-    const Engine::Verdict found = engine_.evaluate(url, pageURL, type);
-    const Engine::Verdict expected = plain_.evaluate(url, pageURL, type);
+    const Engine::Verdict found = engine.evaluate(url, pageURL, type);
+    const Engine::Verdict expected = plain.evaluate(url, pageURL, type);
     EXPECT_TRUE(found == expected)
         << "found " << verdictText(found) << "\nexpected " << verdictText(expected) << "\nurl "
         << testing::PrintToString(request.url) << "\npage " << testing::PrintToString(request.page)
@@ -58,9 +69,10 @@ class Pair {
     return verdictText(found);
   }
 
- private:
   Engine engine_;
   PlainScan plain_;
+  Engine hardened_;
+  PlainScan plainHardened_;
 };
 
 SourcedRules block(WKRule::Trigger trigger) {
@@ -304,7 +316,7 @@ SourcedRule randomOddRule(std::mt19937& random) {
 std::string randomUrl(std::mt19937& random) {
   const Strings starts = {"http://", "http://",     "https://x.", "//",          "http:",
                           "",        "http://u:p@", "http://x.",  "http://www.", "http://\u212A."};
-  const Strings joints = {"/", "/", ".", "?", "=", "&", "-", "", "%41", ":80", "//"};
+  const Strings joints = {"/", "/", ".", "?", "=", "&", "-", "", "%41", ":80", "//", "@", "./"};
   const Strings odd = {"\u00E9", "\u00C9", "\u212A", "\u017F", "\u00DF",     "\n",   "\r\n",
                        "\u2028", "\u0085", "\x01",   " ",      "\U0001F600", "\xFF", "\0"s};
   std::string url = pick(random, starts) + pick(random, hosts);

@@ -104,6 +104,7 @@ TEST(RuleParts, DividesWithoutChangingWhatRulesDo) {
   std::vector<std::string> all = blocks;
   all.insert(all.end(), exceptions.begin(), exceptions.end());
   all.insert(all.end(), hiding.begin(), hiding.end());
+  all.push_back(blocks.front());  // one that no exception reaches
   const std::string whole = document(all);
   const RuleParts rules(whole);
 
@@ -118,9 +119,11 @@ TEST(RuleParts, DividesWithoutChangingWhatRulesDo) {
       EXPECT_EQ(part[1].last, 70300);
     } else {
       EXPECT_EQ(first.first, std::exchange(nextHiding, first.last));
-      EXPECT_EQ(part.size(), 1);
+      const bool isLast = &part == &rules.parts().back();
+      EXPECT_EQ(part.size(), isLast ? 2 : 1);
     }
   }
+  EXPECT_EQ(rules.parts().back().back().first, 110300);
   EXPECT_EQ(nextBlock, 70000);
   EXPECT_EQ(nextHiding, 110300);
   EXPECT_GE(rules.parts().size(), 4);

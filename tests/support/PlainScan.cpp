@@ -59,6 +59,11 @@ Engine::Verdict PlainScan::evaluate(std::string_view url, std::optional<std::str
 
   Engine::Verdict verdict;
   verdict.thirdParty = request.thirdParty;
+  if (form_ == DocumentForm::hardened) {
+    verdict.block = guardAgainst(request);
+    if (verdict.block) return verdict;
+    if (request.pageHost && request.pageHost->ends_with('.')) request.pageHost->pop_back();
+  }
   verdict.block = firstMatch(RuleKind::block, request);
   if (verdict.block) verdict.exception = firstMatch(RuleKind::exception, request);
   return verdict;
@@ -66,12 +71,28 @@ Engine::Verdict PlainScan::evaluate(std::string_view url, std::optional<std::str
 
 std::optional<SourcedRule> PlainScan::firstMatch(RuleKind kind, const Request& request) {
   for (const SourcedRule& rule : rules_) {
-    if (rule.kind == kind && matches(rule.rule.trigger, request)) return rule;
+    if (rule.kind == kind && matches(rule, request)) return rule;
   }
   return std::nullopt;
 }
 
-bool PlainScan::matches(const WKRule::Trigger& trigger, const Request& request) {
+std::optional<SourcedRule> PlainScan::guardAgainst(const Request& request) {
+  if (!request.thirdParty || rules_.empty()) return std::nullopt;
+  for (const Hardening::GuardRule& guard : Hardening::guard) {
+    if (!finds(std::string(guard.urlFilter), false, request.url)) continue;
+    SourcedRule rule;
+    rule.rule.trigger.urlFilter = guard.urlFilter;
+    rule.rule.trigger.loadType = TextList({"third-party"});
+    rule.rule.action.type = "block";
+    rule.source = guard.source;
+    rule.listName = "Tamsel";
+    return rule;
+  }
+  return std::nullopt;
+}
+
+bool PlainScan::matches(const SourcedRule& rule, const Request& request) {
+  const WKRule::Trigger& trigger = rule.rule.trigger;
   if (trigger.resourceType) {
     const TextList& types = *trigger.resourceType;
     if (std::find(types.begin(), types.end(), request.type) == types.end()) return false;
@@ -87,18 +108,21 @@ bool PlainScan::matches(const WKRule::Trigger& trigger, const Request& request) 
   if (trigger.unlessDomain && request.pageHost) {
     if (covers(*trigger.unlessDomain, *request.pageHost)) return false;
   }
-  return finds(trigger, request.url);
+  const std::string filter =
+      form_ == DocumentForm::plain
+          ? trigger.urlFilter.string()
+          : Hardening::urlFilter(trigger.urlFilter, rule.kind == RuleKind::exception);
+  return finds(filter, trigger.caseSensitive == true, request.url);
 }
 
-bool PlainScan::finds(const WKRule::Trigger& trigger, const icu::UnicodeString& url) {
-  const bool caseSensitive = trigger.caseSensitive == true;
-  const auto [found, isNew] =
-      expressions_.try_emplace({trigger.urlFilter.string(), caseSensitive}, nullptr);
+bool PlainScan::finds(const std::string& filter, bool caseSensitive,
+                      const icu::UnicodeString& url) {
+  const auto [found, isNew] = expressions_.try_emplace({filter, caseSensitive}, nullptr);
   std::unique_ptr<icu::RegexMatcher>& expression = found->second;
   UErrorCode status = U_ZERO_ERROR;
   if (isNew) {
     const std::uint32_t flags = caseSensitive ? 0 : UREGEX_CASE_INSENSITIVE;
-    expression = std::make_unique<icu::RegexMatcher>(utf16(trigger.urlFilter), flags, status);
+    expression = std::make_unique<icu::RegexMatcher>(utf16(filter), flags, status);
     if (U_FAILURE(status)) expression = nullptr;
   }
   if (!expression) return false;

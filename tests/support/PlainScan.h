@@ -19,7 +19,8 @@ namespace tamsel::test {
 /// every expression is searched by ICU. Not for use by several threads at once.
 class PlainScan {
  public:
-  explicit PlainScan(SourcedRules rules) : rules_(std::move(rules)) {}
+  explicit PlainScan(SourcedRules rules, DocumentForm form = DocumentForm::plain)
+      : rules_(std::move(rules)), form_(form) {}
 
   Engine::Verdict evaluate(std::string_view url, std::optional<std::string_view> pageURL,
                            std::string_view type);
@@ -31,10 +32,12 @@ class PlainScan {
   struct Request;
 
   std::optional<SourcedRule> firstMatch(RuleKind kind, const Request& request);
-  bool matches(const WKRule::Trigger& trigger, const Request& request);
-  bool finds(const WKRule::Trigger& trigger, const icu::UnicodeString& url);
+  bool matches(const SourcedRule& rule, const Request& request);
+  bool finds(const std::string& filter, bool caseSensitive, const icu::UnicodeString& url);
+  std::optional<SourcedRule> guardAgainst(const Request& request);
 
   SourcedRules rules_;
+  DocumentForm form_;
   /// By url-filter and case sensitivity; null when ICU rejects the expression.
   std::map<std::pair<std::string, bool>, std::unique_ptr<icu::RegexMatcher>> expressions_;
 };

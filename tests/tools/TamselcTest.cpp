@@ -219,6 +219,10 @@ TEST_F(Tamselc, ExplainsOneRequest) {
       {"//cdn.example/ --page http://b.cdn.example/", 0, "Allowed.*first-party"},
       {"//cdn.example/ --type script", 1, "Blocked.* \\|\\|cdn\\.example\\^\\$script\n"},
       {"//far.example/ --page http://a.example/", 1, "Blocked.*third-party"},
+      {"//x@cdn.example/ --page http://a.example/ --type script", 0, "Allowed.*third-party"},
+      {"//x@cdn.example/ --page http://a.example/ --hardened", 1,
+       "Blocked.* The address hides its host behind a user name\\.\n.* from Tamsel"},
+      {"//x@ads.example/ --hardened", 1, "Blocked.*first-party.* \\|\\|ads\\.example\\^\n"},
   };
   for (const auto& [request, status, words] : cases) {
     const Outcome made = run("match - --url http:" + request, {.input = list});
@@ -317,6 +321,11 @@ TEST_F(Tamselc, CompilesWithWebKitOnlyWhatChanged) {
     return left();
   };
   const std::string text = "||a.example^$image\n##.x\n";
+  const Outcome hardened = run("check - --hardened", {.input = "b.example" + text});
+  EXPECT_THAT(hardened.out, HasSubstr("WebKit takes all ")) << hardened.err;
+  EXPECT_THAT(run("compile - --hardened", {.input = "b.example##.x"}).out,
+              testing::StartsWith(R"([{"action":{"selector":".x","type":"css-display-none"},)"
+                                  R"("trigger":{"if-top-url":["^[^:]+://([^/?#]*[.@])?b\\.)"));
   const std::string kept = check(text, 2);
   EXPECT_THAT(kept, MatchesRegex(oneFilter));
   EXPECT_EQ(check(text, 2), kept);

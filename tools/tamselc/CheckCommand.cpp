@@ -131,7 +131,8 @@ void remove(const std::vector<RefusedRule>& refused, SourcedRules& rules,
 
 // Leaves in `rules` what WebKit takes, and returns the others. Throws RuleListCompiler::Failure and
 // RuleListCompiler::Stopped.
-std::vector<Refusal> askWebKit(SourcedRules& rules, const std::stop_token& stop) {
+std::vector<Refusal> askWebKit(SourcedRules& rules, DocumentForm form,
+                               const std::stop_token& stop) {
   std::string folder = RuleListCompiler::userFolder();
   std::optional<TemporaryFolder> temporary;
   if (!StoreFolder::isUsable(folder, identifier, stop)) {
@@ -143,7 +144,7 @@ std::vector<Refusal> askWebKit(SourcedRules& rules, const std::stop_token& stop)
   Progress progress(rules.size());
   std::vector<Refusal> refusals;
   for (int round = 0; !rules.empty(); ++round) {
-    const ByteBuffer document = RuleDocument::encode(rules);
+    const ByteBuffer document = RuleDocument::encode(rules, form);
     const RuleListCompiler::Outcome outcome = compiler.compile(
         {.document = document,
          .identifier = identifier,
@@ -212,7 +213,7 @@ int CheckCommand::run() const {
   {
     Interrupt interrupt;
     try {
-      refusals = askWebKit(rules, interrupt.token());
+      refusals = askWebKit(rules, form, interrupt.token());
     } catch (const RuleListCompiler::Stopped&) {
       interrupt.finish();
     }

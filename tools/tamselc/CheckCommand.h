@@ -3,11 +3,14 @@
 #include <string>
 #include <vector>
 
+#include "compiler/DocumentForm.h"
+
 namespace tamsel::tamselc {
 
 /// `tamselc check`: does the real WebKit take every rule of the lists?
 struct CheckCommand {
   std::vector<std::string> lists;
+  DocumentForm form = DocumentForm::plain;
   /// Whether to answer in JSON.
   bool json = false;
 

@@ -124,7 +124,7 @@ int CompileCommand::run() const {
   const FilterLists inputs(lists);
   FilterCompiler::DocumentReport compiled;
   const auto writeDocument = [&](const Files::Sink& sink) {
-    compiled = FilterCompiler::compileDocument(inputs.inputs(), sink);
+    compiled = FilterCompiler::compileDocument(inputs.inputs(), sink, form);
   };
   if (toStandardOutput) {
     writeDocument(writeOutput);

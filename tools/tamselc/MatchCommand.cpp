@@ -55,20 +55,19 @@ std::variant<Request, std::string> readRequest(std::string_view line) {
   return Request{url, page.empty() ? std::nullopt : std::optional(page), type};
 }
 
-Engine makeEngine(const FilterLists& lists) {
-  return Engine(FilterCompiler::parse(lists.inputs()).rules);
-}
-
 Engine::Verdict evaluate(const Engine& engine, const Request& request) {
   return engine.evaluate(request.url, request.page, request.type);
 }
 
-std::string ruleLine(std::string_view title, const SourcedRule& rule) {
-  return std::string(title) + printable(rule.source) + "\n             from " +
-         printable(rule.listName) + ", url-filter " + printable(rule.rule.trigger.urlFilter) + "\n";
-}
-
-int explain(const Engine& engine, const Request& request) {
+int explain(const Engine& engine, const Request& request, DocumentForm form) {
+  const auto ruleLine = [form](std::string_view title, const SourcedRule& rule) {
+    const std::string plain = rule.rule.trigger.urlFilter.string();
+    const std::string filter = form == DocumentForm::plain
+                                   ? plain
+                                   : Hardening::urlFilter(plain, rule.kind == RuleKind::exception);
+    return std::string(title) + printable(rule.source) + "\n             from " +
+           printable(rule.listName) + ", url-filter " + printable(filter) + "\n";
+  };
   const Engine::Verdict verdict = evaluate(engine, request);
   const std::string subject = printable(request.url) + " (" + std::string(request.type) + ", " +
                               (verdict.thirdParty ? "third-party" : "first-party") + ")\n";
@@ -138,11 +137,11 @@ int MatchCommand::run() const {
   }
   if (!requests && !isResourceType(type)) throw Files::FileError(unknownType(type));
   const std::string file = requests ? Files::read(*requests) : std::string();
-  const Engine engine = makeEngine(FilterLists(lists));
+  const Engine engine(FilterCompiler::parse(FilterLists(lists).inputs()).rules, form);
   if (requests) return answer(engine, file);
   const bool hasPage = page && !page->empty();
-  return explain(engine,
-                 {*url, hasPage ? std::optional<std::string_view>(*page) : std::nullopt, type});
+  return explain(
+      engine, {*url, hasPage ? std::optional<std::string_view>(*page) : std::nullopt, type}, form);
 }
 
 }  // namespace tamsel::tamselc

@@ -4,11 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "compiler/DocumentForm.h"
+
 namespace tamsel::tamselc {
 
 /// `tamselc match`: which rule blocks a request, which exception allows it.
 struct MatchCommand {
   std::vector<std::string> lists;
+  DocumentForm form = DocumentForm::plain;
   /// The one request to explain; absent when `requests` names a file of them.
   std::optional<std::string> url;
   std::optional<std::string> page;

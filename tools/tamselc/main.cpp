@@ -46,6 +46,7 @@ CLI::Validator named() {
 
 int run(int argc, char** argv) {
   using namespace tamsel::tamselc;
+  using tamsel::DocumentForm;
   CLI::App app("Turns ad-blocking filter lists into WebKit content-blocker rules.", "tamselc");
   app.set_version_flag("--version", "tamselc " TAMSEL_VERSION);
   app.set_help_flag("-h,--help", "Print this help");
@@ -70,6 +71,13 @@ int run(int argc, char** argv) {
                    "Write counts and every skipped line with its reason here, as JSON")
       ->transform(named())
       ->type_name("FILE");
+
+  const auto addHardened = [](CLI::App& command, DocumentForm& form, const std::string& help) {
+    command.add_flag_callback(
+        "--hardened", [&form] { form = DocumentForm::hardened; }, help);
+  };
+  addHardened(*compileApp, compile.form,
+              "Write conditions that no page can fake and hosts that no address can hide");
 
   MatchCommand match;
   CLI::App* matchApp = app.add_subcommand(
@@ -100,6 +108,8 @@ int run(int argc, char** argv) {
           ->type_name("FILE");
   requests->excludes(url)->excludes(page)->excludes(type);
 
+  addHardened(*matchApp, match.form, "Answer as the hardened document does");
+
   CheckCommand check;
   CLI::App* checkApp = app.add_subcommand(
       "check",
@@ -109,6 +119,8 @@ int run(int argc, char** argv) {
   checkApp->add_flag("--json", check.json,
                      "Answer in JSON: counts, seconds and every refused rule with its line, list "
                      "and reason");
+
+  addHardened(*checkApp, check.form, "Compile the hardened document");
 
   try {
     app.parse(marked(argc, argv));
