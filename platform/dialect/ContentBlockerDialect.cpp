@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <utility>
 
 namespace tamsel::ContentBlockerDialect {
 namespace {
@@ -379,20 +380,288 @@ class ExpressionReader {
   std::size_t overlaps_ = 0;
 };
 
+constexpr std::string_view longSelector = "The selector is too long.";
 constexpr std::string_view openQuotation = "The selector has a quotation without an end.";
 constexpr std::string_view openComment = "The selector has a comment without an end.";
 constexpr std::string_view openBracket = "The selector has a bracket without an end.";
+constexpr std::string_view badAddress = "The selector has an address that is not well formed.";
 constexpr std::string_view trailingBackslash = "The selector ends with a backslash.";
 constexpr std::string_view deepSelector = "The selector is nested too deep.";
-constexpr std::string_view longSelector = "The selector has too many compounds.";
+constexpr std::string_view manyParts = "The selector has too many parts.";
+constexpr std::string_view manyCombinations = "The selector has too many combinations of parts.";
+
+bool isNewline(char c) {
+  return c == '\n' || c == '\r' || c == '\f';
+}
 
 bool isBlank(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
+  return c == ' ' || c == '\t' || isNewline(c);
 }
 
-char closingOf(char c) {
-  return c == '(' ? ')' : c == '[' ? ']' : c == '{' ? '}' : '\0';
-}
+// What a CSS identifier is made of, apart from escapes. NUL counts as U+FFFD.
+constexpr auto isInName = [] {
+  std::array<bool, 256> is{};
+  for (std::size_t c = 0; c < is.size(); ++c) {
+    is[c] = c >= 0x80 || c == '\0' || c == '-' || c == '_' || (c >= '0' && c <= '9') ||
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+  }
+  return is;
+}();
+
+// Reads a selector as the tokens of CSS, as far as they tell where something ends. WebKit writes
+// selectors one behind the other, with commas between them, into one style rule. In a selector that
+// is not closed by itself, that comma and the other selectors would become a part of it:
+//
+//     [a="]"]               closed
+//     :is(url( "b)c"))      closed: an address in a quotation
+//     :is(url(a'b)c'))      not closed: the address is a bad one up to the first ")", so the last
+//                           quotation mark begins something
+//
+// Brackets that close nothing and whole blocks are passed over. No selector has them, so that
+// WebKit passes over the rule.
+class SelectorReader {
+ public:
+  explicit SelectorReader(std::string_view text) : text_(text) { lists_[0] = {'\0', 0, 0, 0, 1}; }
+
+  Reason read() {
+    if (text_.size() > maxSelectorLength) return longSelector;
+    while (i_ < text_.size()) {
+      if (const Reason reason = readToken()) return reason;
+    }
+    if (depth_ != 0) return openBracket;
+    return endOfAlternative();
+  }
+
+ private:
+  // ":has(" looks through all that is in an element, and counts as so many parts.
+  static constexpr std::size_t searchInParts = 25;
+
+  // What is known of a list of alternatives, with commas between them, of which there is one in
+  // every bracket and one outside.
+  struct List {
+    char closing;
+    std::size_t combinations;       // of the complete alternatives
+    std::size_t parts;              // of the alternative that is being read
+    std::size_t innerCombinations;  // of the lists in it
+    std::size_t reach;              // how many elements its combinators may lead to
+  };
+
+  char peek(std::size_t ahead = 0) const {
+    return i_ + ahead < text_.size() ? text_[i_ + ahead] : '\0';
+  }
+  bool atName() const { return i_ < text_.size() && isInName[codeOf(text_[i_])]; }
+  bool atEscape() const {
+    return peek() == '\\' && i_ + 1 < text_.size() && !isNewline(text_[i_ + 1]);
+  }
+  List& list() { return lists_[depth_]; }
+
+  Reason readToken() {
+    if (atName()) return readName();
+    const char c = text_[i_];
+    switch (c) {
+      case '\\':
+        if (atEscape()) return readName();
+        if (i_ + 1 == text_.size()) return trailingBackslash;
+        break;
+      case '"':
+      case '\'':
+        return readQuotation(c);
+      case '/':
+        if (peek(1) == '*') return readComment();
+        break;
+      case '<':
+        // The dashes are no part of the name that may follow.
+        if (text_.substr(i_).starts_with("<!--")) i_ += 3;
+        break;
+      case '#':
+      case '@':
+        ++i_;
+        if (!atName() && !atEscape()) return std::nullopt;
+        skipName();  // "#url" is never the beginning of an address
+        return countPart();
+      case '*':
+      case '&':
+        ++i_;
+        return countPart();
+      case ',':
+        ++i_;
+        return endOfAlternative();
+      case '(':
+        return open(')');
+      case '[':
+        if (const Reason reason = countPart()) return reason;
+        return open(']');
+      case '{':
+        return open('}');
+      default:
+        if (c == list().closing) return close();
+        if (list().parts != 0) reachFurther(c);
+        break;
+    }
+    ++i_;
+    return std::nullopt;
+  }
+
+  Reason readName() {
+    const std::size_t begin = i_;
+    skipName();
+    if (peek() != '(') return countPart();
+    if (isNamed("url", begin)) return readAddress();
+    return countPart(isNamed("has", begin) ? searchInParts : 1);
+  }
+
+  void skipName() {
+    while (true) {
+      if (atName()) {
+        ++i_;
+      } else if (atEscape()) {
+        skipEscape();
+      } else {
+        return;
+      }
+    }
+  }
+
+  // Returns the code that the escape stands for, as far as it is one of hexadecimal digits.
+  std::uint32_t skipEscape() {
+    ++i_;
+    std::uint32_t code = 0;
+    std::size_t digits = 0;
+    for (; digits < 6 && hexValue(peek()) >= 0; ++digits) {
+      code = code * 16 + static_cast<std::uint32_t>(hexValue(text_[i_++]));
+    }
+    if (digits == 0) return codeOf(text_[i_++]);
+    if (isNewline(peek())) {
+      skipNewline();
+    } else if (isBlank(peek())) {
+      ++i_;
+    }
+    return code;
+  }
+
+  void skipNewline() { i_ += peek() == '\r' && peek(1) == '\n' ? 2U : 1U; }
+  void skipBlanks() {
+    while (isBlank(peek())) ++i_;
+  }
+
+  // Whether what is read from there up to here is this name, in whatever case and however it is
+  // escaped.
+  bool isNamed(std::string_view name, std::size_t begin) {
+    const std::size_t end = std::exchange(i_, begin);
+    bool is = true;
+    for (std::size_t k = 0; is && k < name.size(); ++k) {
+      is = i_ < end;
+      if (!is) break;
+      const std::uint32_t code = atEscape() ? skipEscape() : codeOf(text_[i_++]);
+      is = (code | 0x20U) == codeOf(name[k]);
+    }
+    return std::exchange(i_, end) == end && is;
+  }
+
+  Reason readAddress() {
+    const std::size_t bracket = i_++;
+    skipBlanks();
+    if (peek() == '"' || peek() == '\'') {
+      i_ = bracket;
+      return open(')');
+    }
+    while (i_ < text_.size() && text_[i_] != ')') {
+      const char c = text_[i_];
+      if (isBlank(c)) {
+        skipBlanks();
+        if (i_ < text_.size() && peek() != ')') return badAddress;
+      } else if (c == '\\') {
+        if (i_ + 1 == text_.size()) return trailingBackslash;
+        if (!atEscape()) return badAddress;
+        skipEscape();
+      } else if (codeOf(c) < 0x20 || c == '\x7F' || c == '"' || c == '\'' || c == '(') {
+        return badAddress;
+      } else {
+        ++i_;
+      }
+    }
+    if (i_ == text_.size()) return openBracket;
+    ++i_;
+    return std::nullopt;
+  }
+
+  Reason readQuotation(char mark) {
+    ++i_;
+    while (i_ < text_.size() && text_[i_] != mark) {
+      const char c = text_[i_];
+      if (isNewline(c)) return openQuotation;
+      if (c != '\\') {
+        ++i_;
+      } else if (atEscape()) {
+        skipEscape();
+      } else if (++i_ == text_.size()) {
+        return trailingBackslash;
+      } else {
+        skipNewline();
+      }
+    }
+    if (i_ == text_.size()) return openQuotation;
+    ++i_;
+    return std::nullopt;
+  }
+
+  Reason readComment() {
+    const std::size_t end = text_.find("*/", i_ + 2);
+    if (end == std::string_view::npos) return openComment;
+    i_ = end + 2;
+    return std::nullopt;
+  }
+
+  Reason open(char closing) {
+    if (depth_ == maxNesting) return deepSelector;
+    ++i_;
+    lists_[++depth_] = {closing, 0, 0, 0, 1};
+    return std::nullopt;
+  }
+
+  Reason close() {
+    if (const Reason reason = endOfAlternative()) return reason;
+    ++i_;
+    const std::size_t combinations = list().combinations;
+    --depth_;
+    list().innerCombinations += combinations;
+    return std::nullopt;
+  }
+
+  // Names in square brackets are parts of one condition.
+  Reason countPart(std::size_t count = 1) {
+    if (list().closing == ']') return std::nullopt;
+    ++list().parts;
+    parts_ += count;
+    return parts_ > maxSelectorParts ? Reason(manyParts) : Reason();
+  }
+
+  void reachFurther(char c) {
+    constexpr std::size_t ancestors = 10;
+    constexpr std::size_t siblings = 100;
+    if (isBlank(c) || c == '>' || c == '+') list().reach = std::max(list().reach, ancestors);
+    if (c == '~') list().reach = siblings;
+  }
+
+  // WebKit goes from each part of an alternative through all the others, and each time into the
+  // lists in there, where it does the same. And where combinators lead to an element of the page,
+  // all that is in those lists is held against it.
+  Reason endOfAlternative() {
+    List& current = list();
+    current.combinations +=
+        current.parts * (current.parts + current.innerCombinations * current.reach);
+    current.parts = 0;
+    current.innerCombinations = 0;
+    current.reach = 1;
+    return current.combinations > maxSelectorCombinations ? Reason(manyCombinations) : Reason();
+  }
+
+  std::string_view text_;
+  std::size_t i_ = 0;
+  std::size_t parts_ = 0;
+  std::size_t depth_ = 0;
+  std::array<List, maxNesting + 1> lists_;
+};
 
 }  // namespace
 
@@ -413,41 +682,7 @@ std::optional<std::string_view> refusalOfDomain(std::string_view domain) noexcep
 }
 
 std::optional<std::string_view> refusalOfSelector(std::string_view selector) noexcept {
-  std::array<char, maxNesting> expected{};  // the closing brackets, from the outermost
-  std::size_t depth = 0;
-  std::size_t compounds = 1;
-  char quote = '\0';
-  for (std::size_t i = 0; i < selector.size(); ++i) {
-    const char c = selector[i];
-    if (c == '\\') {
-      if (++i == selector.size()) return trailingBackslash;
-      continue;
-    }
-    if (quote != '\0') {
-      if (c == quote) quote = '\0';
-      if (c == '\n' || c == '\r' || c == '\f') return openQuotation;
-      continue;
-    }
-    if (c == '"' || c == '\'') {
-      quote = c;
-    } else if (c == '/' && i + 1 < selector.size() && selector[i + 1] == '*') {
-      const std::size_t end = selector.find("*/", i + 2);
-      if (end == std::string_view::npos) return openComment;
-      i = end + 1;
-    } else if (closingOf(c) != '\0') {
-      if (depth == expected.size()) return deepSelector;
-      expected[depth++] = closingOf(c);
-    } else if (depth != 0 && c == expected[depth - 1]) {
-      --depth;  // any other closing bracket is a character like others in there
-    } else if (c == ',') {
-      compounds = 1;
-    } else if ((isBlank(c) || c == '>' || c == '+' || c == '~') && ++compounds > maxCompounds) {
-      return longSelector;
-    }
-  }
-  if (quote != '\0') return openQuotation;
-  if (depth != 0) return openBracket;
-  return std::nullopt;
+  return SelectorReader(selector).read();
 }
 
 }  // namespace tamsel::ContentBlockerDialect

@@ -115,34 +115,49 @@ TEST(ContentBlockerDialect, TakesDomainsOfPlainCharacters) {
   }
 }
 
-TEST(ContentBlockerDialect, WantsSelectorsClosed) {
-  const std::string quotation = "The selector has a quotation without an end.";
-  const std::string bracket = "The selector has a bracket without an end.";
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {".ad", ""},
-      {R"(div[title="]"] > a[href^='(']:not(.x, [y]))", ""},
-      {R"([a="\""], #\[x)", ""},
-      {".a/* [ */.b", ""},
-      // WebKit passes over selectors that it does not know; they harm no other.
-      {".x)", ""},
-      {":foo(.x)", ""},
-      {"[a=\"", quotation},
-      {"[a=\"x\ny\"]", quotation},
-      {"div[style*=x", bracket},
-      {":is(.x", bracket},
-      {":is([)", bracket},
-      {"[a=\"]", quotation},
-      {".x/*", "The selector has a comment without an end."},
-      {".x/*/", "The selector has a comment without an end."},
-      {".x\\", "The selector ends with a backslash."},
-      {"[a=\"\\\"", quotation},
-      {repeated(100, ":not(") + ".x" + repeated(100, ")"), ""},
-      {repeated(20000, ":not(") + ".x" + repeated(20000, ")"), "The selector is nested too deep."},
-      {repeated(1000000, "a "), "The selector has too many compounds."},
-      {repeated(100000, ".a,.b > .c,") + ".d", ""},
+TEST(ContentBlockerDialect, WantsSelectorsClosedAndOfBearableCost) {
+  const auto inside = [](std::size_t depth, const std::string& before, const std::string& after) {
+    return repeated(depth, before) + ".x" + repeated(depth, after);
   };
-  for (const auto& [selector, reason] : cases) {
-    EXPECT_EQ(selectorRefusal(selector), reason) << selector.substr(0, 80);
+  const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+      {"",
+       {".ad", R"(div[title="]"] > a[href^='(']:not(.x, [y]))", R"([a="\""], #\[x)", ".a/* [ */.b",
+        // What WebKit passes over by itself.
+        ".x)", ":foo(.x)", ".x {top: 0;}", ":is(])",
+        // Line breaks of all kinds behind backslashes.
+        "[a=\"\\\n\\\r\n\\\f\"]", "[a=\"\\26\r\n\"]",
+        // Addresses that are good ones, in quotation marks, or none.
+        ":is(url(a\\'b ))", ":is(url( \"b)c\"))", ":is(#url(a'b)c'))", ":is(1url(a'b)c'))",
+        // As much as is taken.
+        inside(100, ":not(", ")"), repeated(249, ".a,") + ".b",
+        ":not(.a .b:has(> .c > .d:is(.e .f, .g + .h))) > .i",
+        "." + repeated(ContentBlockerDialect::maxSelectorLength - 1, "x")}},
+      {"The selector has a quotation without an end.",
+       {"[a=\"", "[a=\"]", "[a=\"\\\"", "[a=\"x\ny\"]", "[a='x\r']", "[a='x\f']",
+        "[a=\"\\\n\r\"]"}},
+      {"The selector has a bracket without an end.",
+       {"div[style*=x", ":is(.x", ":is([)", ".x{", ":is(url(x", ":is(url( "}},
+      {"The selector has a comment without an end.", {".x/*", ".x/*/"}},
+      {"The selector ends with a backslash.", {".x\\", "[a=\"\\", ":is(url(x\\"}},
+      {"The selector has an address that is not well formed.",
+       {":is(url(a'b)c'))", ":is(URL(a\"b)c\"))", R"(:is(u\72 \00006C(a'b)c')))",
+        ":is(\\75\r\nrl(a'b)c'))", ":is(<!--url(a'b)c'))", ":is(1.url(a'b)c'))", "url(a b)",
+        "url(a(b)", "url(\x01)", "url(a\\\n)"}},
+      {"The selector is nested too deep.", {inside(101, ":not(", ")")}},
+      {"The selector is too long.", {repeated(16385, "x"), repeated(1000000, "a ")}},
+      {"The selector has too many parts.",
+       {repeated(251, ".a"), repeated(250, "a ") + "b", repeated(250, "&,") + "*",
+        ":is(" + repeated(125, "[a],") + repeated(125, ":b,") + "#c)",
+        repeated(8, R"(:\48 as(.a),)") + repeated(3, ":has(.b),") + ".c"}},
+      {"The selector has too many combinations of parts.",
+       {inside(20, ":is(.a ", ")"), inside(8, ":is(", ").a.b.c.d.e"),
+        ":not(" + inside(6, ":is(", ") *") + ", .a) b", inside(3, ":is(.a ~ ", ") ~ .b")}},
+  };
+  for (const auto& [reason, selectors] : cases) {
+    for (const std::string& selector : selectors) {
+      EXPECT_EQ(selectorRefusal(selector), reason)
+          << testing::PrintToString(selector.substr(0, 80));
+    }
   }
 }
 
