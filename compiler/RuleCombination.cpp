@@ -170,13 +170,17 @@ class Combiner {
     for (const BlockGroups::Group& group : groups.groups()) {
       if ((group.cells.first & document) == 0) needsStep |= addSparing(groups, group);
     }
+    result_.sparingEnd = result_.rules.size();
     if (needsStep) addStep();
+    result_.stepEnd = result_.rules.size();
     for (const BlockGroups::Group& group : groups.groups()) {
       if ((group.cells.first & document) != 0) addExactly(groups, group, group.cells);
     }
     for (const std::uint32_t rule : others) addAsItIs(rule);
+    result_.blocksEnd = result_.exceptionsEnd = result_.rules.size();
     for (std::size_t i = blocksEnd; i < rules_.size(); ++i) {
       addAsItIs(static_cast<std::uint32_t>(i));
+      if (rules_[i].kind == RuleKind::exception) result_.exceptionsEnd = result_.rules.size();
     }
     return std::move(result_);
   }
@@ -253,6 +257,45 @@ class Combiner {
 };
 
 }  // namespace
+
+std::optional<std::vector<RuleCombination::Document>> RuleCombination::split(
+    std::size_t limit) const {
+  // WebKit bears no more rules with conditions that could apply to one address.
+  constexpr std::size_t mostConditioned = 65000;
+  const std::size_t repeated =
+      blocksEnd == 0 ? 0 : exceptionsEnd - blocksEnd + stepEnd - sparingEnd;
+  if (repeated >= limit) return std::nullopt;
+
+  std::vector<Document> documents;
+  std::size_t nextHiding = exceptionsEnd;
+  const auto addHiding = [&](std::size_t room) {
+    const std::size_t count = std::min({room, rules.size() - nextHiding, mostConditioned});
+    if (count == 0) return;
+    documents.back().push_back({nextHiding, nextHiding + count});
+    nextHiding += count;
+  };
+  // Of both steps' blocks, as if the step itself were not between.
+  const std::size_t step = stepEnd - sparingEnd;
+  const std::size_t blocks = blocksEnd - step;
+  for (std::size_t first = 0; first < blocks;) {
+    const std::size_t last = std::min(blocks, first + limit - repeated);
+    Document& document = documents.emplace_back();
+    if (first < sparingEnd) {
+      document.push_back({first, std::min(last, sparingEnd)});
+      document.push_back({sparingEnd, stepEnd});
+    }
+    if (last > sparingEnd) document.push_back({std::max(first, sparingEnd) + step, last + step});
+    document.push_back({blocksEnd, exceptionsEnd});
+    std::erase_if(document, [](const Range& range) { return range.first == range.last; });
+    addHiding(limit - repeated - (last - first));
+    first = last;
+  }
+  while (nextHiding < rules.size()) {
+    documents.emplace_back();
+    addHiding(limit);
+  }
+  return documents;
+}
 
 RuleCombination RuleCombination::of(std::span<const SourcedRule> rules) {
   return Combiner(rules).run();

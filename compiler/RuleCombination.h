@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -19,6 +21,24 @@ struct RuleCombination {
   std::span<const std::uint32_t> sourcesOf(std::size_t index) const {
     return {sources.data() + ends[index], sources.data() + ends[index + 1]};
   }
+
+  /// Where step 2 is, which may be empty, and where steps 3 and 4 end: the blocks of step 1 come
+  /// before `sparingEnd`, those of step 3 from `stepEnd` to `blocksEnd`, exceptions up to
+  /// `exceptionsEnd`.
+  std::size_t sparingEnd = 0, stepEnd = 0, blocksEnd = 0, exceptionsEnd = 0;
+
+  /// Rules from `first` up to `last`, which is not among them.
+  struct Range {
+    std::size_t first, last;
+  };
+  /// What makes up one document: the rules of these ranges, in order.
+  using Document = std::vector<Range>;
+
+  /// The fewest documents of at most `limit` rules that, used side by side, do what the whole does:
+  /// blocks are divided, each division followed by the step and all exceptions, and element hiding,
+  /// on which nothing acts, takes what room is left. Nothing if there are more exceptions than have
+  /// room beside a block.
+  std::optional<std::vector<Document>> split(std::size_t limit) const;
 
   // Those of the first rule, then those of the second; `ends[i + 1]` is where those of rule i end.
   std::vector<std::uint32_t> sources;

@@ -66,6 +66,40 @@ struct Effects {
   }
 };
 
+// Several documents block what one of them blocks; each has all exceptions.
+void expectSameSplit(const Effects& whole, const RuleCombination& combined, std::size_t limit) {
+  const auto documents = combined.split(limit);
+  if (!documents) return;
+  Effects together;
+  std::vector<WKRule> exceptions, hiding;
+  for (const RuleCombination::Document& document : *documents) {
+    Effects one;
+    std::size_t count = 0;
+    for (const auto& [first, last] : document) {
+      for (std::size_t i = first; i < last; ++i, ++count) one.add(combined.rules[i]);
+    }
+    EXPECT_LE(count, limit);
+    for (const auto& [cell, places] : one.blocked)
+      together.blocked[cell].insert(places.begin(), places.end());
+    const auto middle = std::find_if(one.rest.begin(), one.rest.end(), [](const WKRule& rule) {
+      return rule.action.type == "css-display-none";
+    });
+    if (!one.blocked.empty()) exceptions.assign(one.rest.begin(), middle);
+    hiding.insert(hiding.end(), middle, one.rest.end());
+    const auto isAfter = whole.rest.begin() + (middle - one.rest.begin());
+    EXPECT_TRUE(one.blocked.empty() ||
+                std::equal(one.rest.begin(), middle, whole.rest.begin(), isAfter));
+  }
+  // Exceptions without a block have nothing to do.
+  const auto firstHiding =
+      std::find_if(whole.rest.begin(), whole.rest.end(),
+                   [](const WKRule& rule) { return rule.action.type == "css-display-none"; });
+  if (whole.blocked.empty()) exceptions.assign(whole.rest.begin(), firstHiding);
+  together.rest = exceptions;
+  together.rest.insert(together.rest.end(), hiding.begin(), hiding.end());
+  EXPECT_TRUE(together == whole) << limit;
+}
+
 void expectSame(const SourcedRules& rules, const RuleCombination& combined) {
   Effects plain, made;
   std::vector<int> timesNamed(rules.size());
@@ -78,6 +112,10 @@ void expectSame(const SourcedRules& rules, const RuleCombination& combined) {
     }
   }
   EXPECT_TRUE(plain == made);
+  for (const std::size_t limit :
+       {combined.rules.size(), combined.rules.size() / 2 + 1, std::size_t{9}}) {
+    if (limit > 100 || combined.rules.size() < 100) expectSameSplit(plain, combined, limit);
+  }
   EXPECT_TRUE(
       std::all_of(timesNamed.begin(), timesNamed.end(), [](int times) { return times > 0; }));
   EXPECT_LE(combined.rules.size(), rules.size() + 1);
