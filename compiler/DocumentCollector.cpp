@@ -70,15 +70,7 @@ void DocumentCollector::flush() {
 std::size_t& DocumentCollector::countOf(const SourcedRule& rule) {
   if (lastList_ == nullptr || *lastList_ != rule.listID) lastStats_ = &stats_[rule.listID];
   lastList_ = &rule.listID;
-  switch (rule.kind) {
-    case RuleKind::block:
-      return lastStats_->block;
-    case RuleKind::exception:
-      return lastStats_->exception;
-    case RuleKind::cosmetic:
-      break;
-  }
-  return lastStats_->cosmetic;
+  return tamsel::countOf(*lastStats_, rule.kind);
 }
 
 void DocumentCollector::keep(RuleKind kind, std::string_view json) {

@@ -132,9 +132,8 @@ ByteBuffer encode(std::span<const SourcedRule> rules, DocumentForm form) {
   return encodeAll(rules, form, [](const SourcedRule& rule) -> const WKRule& { return rule.rule; });
 }
 
-ByteBuffer encode(std::span<const WKRule> rules) {
-  return encodeAll(rules, DocumentForm::plain,
-                   [](const WKRule& rule) -> const WKRule& { return rule; });
+ByteBuffer encode(std::span<const WKRule> rules, DocumentForm form) {
+  return encodeAll(rules, form, [](const WKRule& rule) -> const WKRule& { return rule; });
 }
 
 std::vector<WKRule> decode(std::string_view document) {

@@ -22,7 +22,7 @@ class DecodeError : public std::runtime_error {
 /// absent fields left out. The result is valid UTF-8 whatever the rules hold. Should memory run
 /// out it is the empty array "[]".
 ByteBuffer encode(std::span<const SourcedRule> rules, DocumentForm form = DocumentForm::plain);
-ByteBuffer encode(std::span<const WKRule> rules);
+ByteBuffer encode(std::span<const WKRule> rules, DocumentForm form = DocumentForm::plain);
 
 /// Reads a document as `encode` writes it, in any member order and spacing; unknown members are
 /// ignored and of a repeated one the last counts. Throws DecodeError, which names the rule.

@@ -14,4 +14,16 @@ std::string_view rawValue(RuleKind kind) noexcept {
   return "block";
 }
 
+std::size_t& countOf(ListStats& stats, RuleKind kind) noexcept {
+  switch (kind) {
+    case RuleKind::block:
+      return stats.block;
+    case RuleKind::exception:
+      return stats.exception;
+    case RuleKind::cosmetic:
+      break;
+  }
+  return stats.cosmetic;
+}
+
 }  // namespace tamsel

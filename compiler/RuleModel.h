@@ -112,4 +112,7 @@ struct ListStats {
   bool operator==(const ListStats&) const = default;
 };
 
+/// That of rules of this kind.
+std::size_t& countOf(ListStats& stats, RuleKind kind) noexcept;
+
 }  // namespace tamsel

@@ -45,17 +45,7 @@ std::map<Uuid, ListStats> count(const SourcedRules& rules,
   for (const SourcedRule& rule : rules) {
     if (last == nullptr || *last != rule.listID) of = &stats[rule.listID];
     last = &rule.listID;
-    switch (rule.kind) {
-      case RuleKind::block:
-        ++of->block;
-        break;
-      case RuleKind::exception:
-        ++of->exception;
-        break;
-      case RuleKind::cosmetic:
-        ++of->cosmetic;
-        break;
-    }
+    ++countOf(*of, rule.kind);
   }
   for (const auto& [id, skipped] : skippedCounts) stats[id].skipped = skipped;
   return stats;

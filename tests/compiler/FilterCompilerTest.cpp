@@ -477,10 +477,7 @@ TEST(FilterCompiler, MakesTheSameOfListsWhateverIsKept) {
     EXPECT_EQ(report.skipped.size(), all.skipped.size());
     std::map<Uuid, ListStats> stats;
     for (const SourcedRule& rule : all.rules) {
-      ListStats& counts = stats[rule.listID];
-      ++(rule.kind == RuleKind::block
-             ? counts.block
-             : (rule.kind == RuleKind::exception ? counts.exception : counts.cosmetic));
+      ++countOf(stats[rule.listID], rule.kind);
     }
     for (const auto& [id, skipped] : all.skippedCounts) stats[id].skipped = skipped;
     EXPECT_EQ(report.stats, stats);

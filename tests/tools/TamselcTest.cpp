@@ -381,15 +381,43 @@ TEST_F(Tamselc, HandsOverNoMoreThanWebKitTakes) {
     const bool all = good == 149999;
     const Outcome compiled = run("compile -", setting);
     EXPECT_EQ(ruleCount(compiled.out), good + 1) << compiled.err;
+    EXPECT_EQ(compiled.status, all ? 0 : 1);
     EXPECT_EQ(compiled.err.find("no more than 150000") == std::string::npos, all);
     const Outcome made = run("check -", setting);
-    EXPECT_EQ(made.status, all ? 1 : 0);
+    EXPECT_EQ(made.status, 1);
     EXPECT_EQ(made.err, all ? ""
                             : "Only the first 150000 of 150001 rules are handed over: "
                               "WebKit takes no more.\n");
     EXPECT_THAT(made.out, testing::EndsWith(all ? "WebKit refuses 1 of 150000 rules.\n"
                                                 : "WebKit takes all 150000 rules.\n"));
   }
+}
+
+TEST_F(Tamselc, CombinesRulesAndDividesThem) {
+  const Setting setting = {.input = "||a.test^\n||b.test^\n||c.test^\n@@/ok^$image\n##.x\n##.y\n"};
+  const Outcome combined = run("compile - --combine", setting);
+  EXPECT_EQ(combined.status, 0);
+  EXPECT_EQ(ruleCount(combined.out), 3 + 1 + 1 + 2);
+  EXPECT_THAT(combined.err, HasSubstr("\n9 rules in "));
+  EXPECT_THAT(combined.err, HasSubstr("\nCombined they are 7.\n"));
+
+  const Outcome divided = run("compile - --split --limit 4 -o rules.json", setting);
+  EXPECT_EQ(divided.status, 0) << divided.err;
+  EXPECT_THAT(divided.err, HasSubstr("Combined they are 7, in 3 documents.\n"));
+  std::vector<std::size_t> counts;
+  for (const char* file : {"rules-1.json", "rules-2.json", "rules-3.json"}) {
+    counts.push_back(static_cast<std::size_t>(ruleCount(read(file))));
+  }
+  // Two blocks, the step and the exception; one of them less, and a hiding rule; the other.
+  EXPECT_THAT(counts, testing::ElementsAre(4, 4, 1));
+  EXPECT_EQ(run("compile - --split --limit 2 -o rules.json", setting).status, 2);
+  EXPECT_EQ(run("compile - --split", setting).status, 2);
+
+  const Outcome checked =
+      run("check - --combine", {.input = "/a(b/$image\n||a.test^\n/a(b/$script\n"});
+  EXPECT_EQ(checked.status, 1);
+  EXPECT_THAT(checked.out, HasSubstr("Refused: /a(b/$script\n"));
+  EXPECT_THAT(checked.out, HasSubstr("WebKit refuses 2 of 4 rules.\n"));
 }
 
 TEST_F(Tamselc, LeavesNothingBehindWhenInterrupted) {

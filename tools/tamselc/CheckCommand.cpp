@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "compiler/FilterCompiler.h"
+#include "compiler/RuleCombination.h"
 #include "compiler/RuleDocument.h"
 #include "platform/files/Files.h"
 #include "platform/rulestore/RuleListCompiler.h"
@@ -129,9 +130,25 @@ void remove(const std::vector<RefusedRule>& refused, SourcedRules& rules,
   rules.resize(kept);
 }
 
+// The source rules of refused combined rules, in order, each once.
+std::vector<RefusedRule> sourcesOf(const std::vector<RefusedRule>& refused,
+                                   const RuleCombination& combination) {
+  std::vector<RefusedRule> sources;
+  for (const RefusedRule& rule : refused) {
+    for (const std::uint32_t source : combination.sourcesOf(rule.index)) {
+      sources.push_back({source, rule.reason});
+    }
+  }
+  const auto byIndex = [](const RefusedRule& a, const RefusedRule& b) { return a.index < b.index; };
+  std::stable_sort(sources.begin(), sources.end(), byIndex);
+  const auto same = [](const RefusedRule& a, const RefusedRule& b) { return a.index == b.index; };
+  sources.erase(std::unique(sources.begin(), sources.end(), same), sources.end());
+  return sources;
+}
+
 // Leaves in `rules` what WebKit takes, and returns the others. Throws RuleListCompiler::Failure and
 // RuleListCompiler::Stopped.
-std::vector<Refusal> askWebKit(SourcedRules& rules, DocumentForm form,
+std::vector<Refusal> askWebKit(SourcedRules& rules, bool combine, DocumentForm form,
                                const std::stop_token& stop) {
   std::string folder = RuleListCompiler::userFolder();
   std::optional<TemporaryFolder> temporary;
@@ -144,7 +161,10 @@ std::vector<Refusal> askWebKit(SourcedRules& rules, DocumentForm form,
   Progress progress(rules.size());
   std::vector<Refusal> refusals;
   for (int round = 0; !rules.empty(); ++round) {
-    const ByteBuffer document = RuleDocument::encode(rules, form);
+    std::optional<RuleCombination> combination;
+    if (combine) combination = RuleCombination::of(rules);
+    const ByteBuffer document = combination ? RuleDocument::encode(combination->rules, form)
+                                            : RuleDocument::encode(rules, form);
     const RuleListCompiler::Outcome outcome = compiler.compile(
         {.document = document,
          .identifier = identifier,
@@ -160,7 +180,8 @@ std::vector<Refusal> askWebKit(SourcedRules& rules, DocumentForm form,
       throw RuleListCompiler::Failure(
           "WebKit refuses the list again and again, each time for another rule.", {});
     }
-    remove(outcome.refused, rules, refusals);
+    remove(combination ? sourcesOf(outcome.refused, *combination) : outcome.refused, rules,
+           refusals);
   }
   return refusals;
 }
@@ -203,7 +224,9 @@ int CheckCommand::run() const {
     const FilterLists inputs(lists);
     rules = FilterCompiler::parse(inputs.inputs()).rules;
   }
-  if (rules.size() > RuleListCompiler::maxRules) {
+  const bool isTooLarge = (combine ? RuleCombination::of(rules).rules.size() : rules.size()) >
+                          RuleListCompiler::maxRules;
+  if (isTooLarge) {
     writeMessage("Only the first " + std::to_string(RuleListCompiler::maxRules) + " of " +
                  std::to_string(rules.size()) + " rules are handed over: WebKit takes no more.\n");
     rules.resize(RuleListCompiler::maxRules);
@@ -213,14 +236,14 @@ int CheckCommand::run() const {
   {
     Interrupt interrupt;
     try {
-      refusals = askWebKit(rules, form, interrupt.token());
+      refusals = askWebKit(rules, combine, form, interrupt.token());
     } catch (const RuleListCompiler::Stopped&) {
       interrupt.finish();
     }
   }
   const Clock::duration time = Clock::now() - start;
   writeOutput(json ? asJson(count, refusals, time) : asText(count, refusals, time));
-  return refusals.empty() ? 0 : 1;
+  return refusals.empty() && !isTooLarge ? 0 : 1;
 }
 
 }  // namespace tamsel::tamselc

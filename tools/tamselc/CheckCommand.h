@@ -11,10 +11,13 @@ namespace tamsel::tamselc {
 struct CheckCommand {
   std::vector<std::string> lists;
   DocumentForm form = DocumentForm::plain;
+  /// Combine rules without loss, as `compile` does.
+  bool combine = false;
   /// Whether to answer in JSON.
   bool json = false;
 
-  /// Returns the exit code: 0 when WebKit takes all rules, 1 when it refuses some. Throws
+  /// Returns the exit code: 0 when WebKit takes all rules, 1 when it refuses some or when there are
+  /// more than it takes. Throws
   /// Files::FileError and RuleListCompiler::Failure.
   int run() const;
 };

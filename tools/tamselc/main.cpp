@@ -76,6 +76,18 @@ int run(int argc, char** argv) {
     command.add_flag_callback(
         "--hardened", [&form] { form = DocumentForm::hardened; }, help);
   };
+  compileApp->add_flag("--combine", compile.combine,
+                       "Combine rules without loss, in one document; exit code 1 when it is still "
+                       "too large");
+  CLI::Option* splitOption = compileApp->add_flag(
+      "--split", compile.split,
+      "Combine rules and write as many documents as it takes, FILE with -1, -2 and so on");
+  compileApp
+      ->add_option("--limit", compile.limit, "The most rules in a document; 150000 when not given")
+      ->needs(splitOption)
+      ->check(CLI::PositiveNumber)
+      ->type_name("N");
+
   addHardened(*compileApp, compile.form,
               "Write conditions that no page can fake and hosts that no address can hide");
 
@@ -116,6 +128,7 @@ int run(int argc, char** argv) {
       "Compile the lists' document with the real WebKit and tell which rules it refuses, and why; "
       "exit code 0 when it takes all, 1 when it refuses some");
   checkApp->add_option("LIST", check.lists, listsHelp)->transform(named())->type_name("");
+  checkApp->add_flag("--combine", check.combine, "Compile the combined document");
   checkApp->add_flag("--json", check.json,
                      "Answer in JSON: counts, seconds and every refused rule with its line, list "
                      "and reason");
