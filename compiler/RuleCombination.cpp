@@ -48,7 +48,7 @@ class TypeSets {
     for (const std::string_view name : names) {
       const auto* type = std::find(resourceTypeNames.begin(), resourceTypeNames.end(), name);
       if (type == resourceTypeNames.end()) return std::nullopt;
-      set = static_cast<TypeSet>(set + (1 << (type - resourceTypeNames.begin())));
+      set = static_cast<TypeSet>(set | (1 << (type - resourceTypeNames.begin())));
     }
     return set;
   }

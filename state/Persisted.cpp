@@ -16,6 +16,9 @@ using Json = nlohmann::json;
 // 2001-01-01 00:00:00 UTC, in seconds since 1970.
 constexpr double referenceDate = 978307200;
 
+// "\u001f", for one byte; what is no UTF-8 takes three.
+constexpr std::size_t longestEscape = 6;
+
 // Where a JSON text goes, or only its length.
 struct Length {
   void append(std::string_view text) { length += text.size(); }
@@ -178,8 +181,10 @@ Date Date::now() {
 }
 
 std::string Persisted::encode() const {
+  constexpr std::size_t usualEscapes = 8;  // there are fewer than one in so many bytes
   std::string text;
-  text.reserve(encodedLength());  // growing it would take up to three times its memory
+  const std::size_t length = mostEncodedLength() / longestEscape;
+  text.reserve(length + length / usualEscapes);  // growing it takes up to three times its memory
   write(text, *this);
   return text;
 }
@@ -188,6 +193,17 @@ std::size_t Persisted::encodedLength() const {
   Length counted;
   write(counted, *this);
   return counted.length;
+}
+
+std::size_t Persisted::mostEncodedLength() const {
+  constexpr std::size_t mostBesides = 1024;  // names of members, a date, an identifier
+  std::size_t length = mostBesides + customRules.size();
+  for (const FilterList& list : lists) {
+    length += mostBesides + list.name.size() + list.text.size() + list.url.value_or("").size() +
+              list.lastError.value_or("").size();
+  }
+  for (const std::string& site : pausedSites) length += mostBesides + site.size();
+  return length * longestEscape;
 }
 
 std::optional<Persisted> Persisted::decode(std::string_view text) {

@@ -24,6 +24,9 @@ struct Persisted {
   /// The length of what `encode` returns, in bytes.
   std::size_t encodedLength() const;
 
+  /// What that is at most, told without a look at the texts.
+  std::size_t mostEncodedLength() const;
+
   /// Reads what `encode` wrote, in any member order; unknown members are ignored. Nothing if the
   /// text is no JSON, or if a member is missing or of the wrong type.
   static std::optional<Persisted> decode(std::string_view text);

@@ -133,6 +133,7 @@ std::string StateFile::save(const Persisted& state) {
 }
 
 std::string StateFile::refusalOf(const Persisted& state) {
+  if (state.mostEncodedLength() <= maxLength) return {};
   const std::size_t length = state.encodedLength();
   if (length <= maxLength) return {};
   return "All lists and rules would take " + inWords(length) + " on the disk, and no more than " +

@@ -70,6 +70,10 @@ TEST(Persisted, ComesBackAsItWas) {
   odd.lists[0].url = "";  // there, though empty
   odd.lists[1].updated = Date{-0.1};
   EXPECT_EQ(Persisted::decode(odd.encode()), odd);
+  EXPECT_EQ(odd.encodedLength(), odd.encode().size());
+  EXPECT_LE(odd.encodedLength(), odd.mostEncodedLength());
+  Persisted longest{.lists = {}, .customRules = std::string(100000, '\x01'), .pausedSites = {}};
+  EXPECT_LE(longest.encodedLength(), longest.mostEncodedLength());
 }
 
 TEST(Persisted, WritesOnlyUTF8) {
