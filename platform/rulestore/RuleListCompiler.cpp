@@ -286,8 +286,12 @@ class RuleListCompiler::Compilation {
 
     helper_.launch();  // it starts up while the document is read
     const RuleParts rules(job_.document);
-    if (rules.count() > maxRules) throw Failure("Too many rules in JSON array.", {});
     if (!rules.refused().empty()) return refused(rules.refused());
+    for (const RuleParts::Part& part : rules.parts()) {
+      std::size_t count = 0;
+      for (const auto& [first, last] : part) count += last - first;
+      if (count > maxRules) throw Failure("Too many rules in JSON array.", {});
+    }
 
     source_.webKitVersion = helper_.webKitVersion();
     const std::vector<RuleParts::Part>& parts = rules.parts();

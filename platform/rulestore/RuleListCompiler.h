@@ -91,7 +91,7 @@ class RuleListCompiler {
     using std::runtime_error::runtime_error;
   };
 
-  /// The most rules that WebKit takes in a document.
+  /// The most rules that WebKit takes in a document. One that can be divided may have more.
   static constexpr std::size_t maxRules = 150000;
 
   RuleListCompiler() : RuleListCompiler(Options()) {}

@@ -48,7 +48,8 @@ class RuleListStore {
   };
 
   struct Request {
-    /// The document of the content-blocker format: a JSON array of rules, at most 150,000.
+    /// The document of the content-blocker format: a JSON array of rules. As many as there may be
+    /// if they are blocks, exceptions and element hiding in this order, else at most 150,000.
     Document document;
     /// Letters and digits. The list takes the place of the one compiled before under the same
     /// identifier in the same folder; when there is an error, that one stays.

@@ -308,6 +308,14 @@ TEST_F(RealRebuildTest, SkipsWhatWebKitRefuses) {
   EXPECT_EQ(app->skipped->size(), 40);
 }
 
+TEST_F(RealRebuildTest, TakesAsManyRulesAsTheLimitHas) {
+  WebKitRuleListStore real(options());
+  const auto app = startWith(real, lines(150001));
+  rebuild(*app);
+  EXPECT_EQ(*app->compileError, std::nullopt);
+  EXPECT_EQ(*app->statusMessage, "Compiled 150000 rules.");
+}
+
 TEST_F(RealRebuildTest, StartsWithWhatWasCompiledBefore) {
   {
     WebKitRuleListStore real(options());
