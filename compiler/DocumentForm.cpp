@@ -38,10 +38,12 @@ std::string urlFilter(std::string_view plain, bool isException) {
   return filter.append(rest);
 }
 
+// Behind the host of a page there always is a "/". A class that excluded "?" and "#" as well would
+// take WebKit a fifth more time to compile.
 std::string pageCondition(std::string_view entry) {
   const bool hasSubdomains = entry.starts_with('*');
   if (hasSubdomains) entry.remove_prefix(1);
-  std::string expression = hasSubdomains ? "^[^:]+://([^/?#]*[.@])?" : "^[^:]+://([^/?#]*@)?";
+  std::string expression = hasSubdomains ? "^[^:]+://([^/]*[.@])?" : "^[^:]+://([^/]*@)?";
   for (const char c : entry) {
     if (Syntax::escaped.find(c) != std::string_view::npos) expression += '\\';
     expression += c;

@@ -504,9 +504,9 @@ TEST(FilterCompiler, HardensWhatAddressesCouldFake) {
   const std::string document(
       RuleDocument::encode(parse({&input, 1}).rules, DocumentForm::hardened).view());
   for (const char* part : {
-           R"("if-top-url":["^[^:]+://([^/?#]*[.@])?b-c\\.test\\.?(:[0-9]+)?/",)"
-           R"("^[^:]+://([^/?#]*[.@])?d\\.test\\.?(:[0-9]+)?/"])",
-           R"("unless-top-url":["^[^:]+://([^/?#]*[.@])?e\\.test\\.?(:[0-9]+)?/"])",
+           R"("if-top-url":["^[^:]+://([^/]*[.@])?b-c\\.test\\.?(:[0-9]+)?/",)"
+           R"("^[^:]+://([^/]*[.@])?d\\.test\\.?(:[0-9]+)?/"])",
+           R"("unless-top-url":["^[^:]+://([^/]*[.@])?e\\.test\\.?(:[0-9]+)?/"])",
            R"("url-filter":"^[^:]+:(//)?([^/]+[.@])?a\\.test[^a-zA-Z0-9_.%-]")",
            R"("url-filter":"^[^:]+:(//)?([^/]+[.@])?a\\.test(:[0-9]+)?/")",
            R"("url-filter":"^[^:]+:(//)?([^/]+[.@])?a\\.test/x")",
