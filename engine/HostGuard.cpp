@@ -1,8 +1,5 @@
 #include "engine/HostGuard.h"
 
-#include <algorithm>
-#include <array>
-
 #include "compiler/DocumentForm.h"
 
 namespace tamsel::HostGuard {
@@ -39,15 +36,19 @@ bool endsInDot(std::string_view authority) {
 
 }  // namespace
 
+const std::array<SourcedRule, 2>& rules() {
+  static const std::array<SourcedRule, 2> made = {makeRule(Hardening::guard[0]),
+                                                  makeRule(Hardening::guard[1])};
+  return made;
+}
+
 std::optional<SourcedRule> ruleAgainst(std::string_view url) {
-  static const std::array<SourcedRule, 2> rules = {makeRule(Hardening::guard[0]),
-                                                   makeRule(Hardening::guard[1])};
   const std::optional<std::string_view> authority = authorityOf(url);
   if (!authority) return std::nullopt;
-  if (authority->find('@') != std::string_view::npos) return rules[0];
+  if (authority->find('@') != std::string_view::npos) return rules()[0];
   const bool hasPath = authority->data() + authority->size() != url.data() + url.size() &&
                        *(authority->data() + authority->size()) == '/';
-  return hasPath && endsInDot(*authority) ? std::optional(rules[1]) : std::nullopt;
+  return hasPath && endsInDot(*authority) ? std::optional(rules()[1]) : std::nullopt;
 }
 
 }  // namespace tamsel::HostGuard

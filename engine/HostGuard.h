@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <optional>
 #include <string_view>
 
@@ -7,8 +8,10 @@
 
 namespace tamsel::HostGuard {
 
-/// The rule of Hardening::guard that the URL meets, as one of the list "Tamsel". They are for third
-/// parties, which the caller sees to.
+/// Those of Hardening::guard, as rules of the list "Tamsel".
+const std::array<SourcedRule, 2>& rules();
+
+/// The one that the URL meets. They are for third parties, which the caller sees to.
 std::optional<SourcedRule> ruleAgainst(std::string_view url);
 
 }  // namespace tamsel::HostGuard

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "engine/HostGuard.h"
 #include "engine/Site.h"
 
 namespace tamsel::test {
@@ -78,15 +79,8 @@ std::optional<SourcedRule> PlainScan::firstMatch(RuleKind kind, const Request& r
 
 std::optional<SourcedRule> PlainScan::guardAgainst(const Request& request) {
   if (!request.thirdParty || rules_.empty()) return std::nullopt;
-  for (const Hardening::GuardRule& guard : Hardening::guard) {
-    if (!finds(std::string(guard.urlFilter), false, request.url)) continue;
-    SourcedRule rule;
-    rule.rule.trigger.urlFilter = guard.urlFilter;
-    rule.rule.trigger.loadType = TextList({"third-party"});
-    rule.rule.action.type = "block";
-    rule.source = guard.source;
-    rule.listName = "Tamsel";
-    return rule;
+  for (const SourcedRule& rule : HostGuard::rules()) {
+    if (finds(rule.rule.trigger.urlFilter.string(), false, request.url)) return rule;
   }
   return std::nullopt;
 }
